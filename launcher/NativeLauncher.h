@@ -1,0 +1,21 @@
+#pragma once
+
+#include "contracts/ILauncher.h"
+#include "contracts/RuntimeOperationMode.h"
+
+namespace Ostrelink::Native::Launcher {
+
+// Base of every launcher: the operation mode and the receiver's "Initialize has run" mark.
+class NativeLauncher : public Interfaces::ILauncher {
+public:
+    explicit NativeLauncher(Definitions::RuntimeOperationMode mode) : m_operationMode(mode) {}
+
+    bool IsInitialized() override { return m_initialized; }
+    void SetInitialized() override { m_initialized = true; }
+
+protected:
+    const Definitions::RuntimeOperationMode m_operationMode;
+    bool m_initialized = false;
+};
+
+}  // namespace Ostrelink::Native::Launcher

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <ostrelink/CommandHeader.h>
+
+using Bytes = std::vector<unsigned char>;
+
+// A message: the 11-byte header, bytes 11 to 23 zero, then payloadText from offset 24.
+Bytes makeMessage(unsigned char targetRuntime, unsigned char commandType,
+                  const std::string& payloadText = {}, unsigned char callingRuntime = 8);
+
+// A PlainCommand that asks for a health check.
+Bytes healthCheckMessage(unsigned char targetRuntime = 2);
+
+Bytes acknowledgeBytes();
+
+// Sets connectionType, hostAddress and hostPort of a message.
+void setRoute(Bytes& message, unsigned char connectionType, const unsigned char (&address)[4],
+              unsigned short port);
