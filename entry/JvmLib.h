@@ -30,8 +30,19 @@ Ostrelink::Native::Definitions::RuntimeOperationMode settleOperationMode(
 
 }  // namespace Ostrelink::Runtimes::Jvm::Native::Entry
 
+// Exports under plain names.
 extern "C" {
 OSTRELINK_EXPORT Ostrelink::Native::Interfaces::IReceiver* CreateReceiver(
     Ostrelink::Native::Definitions::RuntimeOperationMode mode);
 OSTRELINK_EXPORT Ostrelink::Native::Interfaces::IReceiver* GetReceiver();
+OSTRELINK_EXPORT Ostrelink::Native::Interfaces::ITransmitter* CreateTransmitter(
+    Ostrelink::Native::Definitions::RuntimeOperationMode mode);
+OSTRELINK_EXPORT Ostrelink::Native::Interfaces::ITransmitter* GetTransmitter();
+OSTRELINK_EXPORT JNIEnv* GetJNIEnv();
 }
+
+// Exports under the decorated names of free functions in the global namespace.
+OSTRELINK_EXPORT int SetOperationModeForTransmitter();
+OSTRELINK_EXPORT void AtStartUp();
+OSTRELINK_EXPORT int SetConfigSource(std::string source);
+OSTRELINK_EXPORT int SetWorkingDirectoryPath(std::string path);
