@@ -1,6 +1,7 @@
 #include "common/HostLibrary.h"
 
-HostLibrary::HostLibrary(const std::string& path, int flags) : m_handle(dlopen(path.c_str(), flags)) {
+HostLibrary::HostLibrary(const std::string& path, int flags)
+    : m_handle(dlopen(path.c_str(), flags)) {
     if (m_handle == nullptr) {
         const char* error = dlerror();
         throw std::runtime_error("cannot open " + path + ": " + (error != nullptr ? error : ""));
@@ -20,4 +21,6 @@ HostLibrary& HostLibrary::jvmRuntime() {
     return library;
 }
 
-void* HostLibrary::find(const char* name) const { return dlsym(m_handle, name); }
+void* HostLibrary::find(const char* name) const {
+    return dlsym(m_handle, name);
+}
