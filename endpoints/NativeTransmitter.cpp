@@ -1,0 +1,177 @@
+#include "endpoints/NativeTransmitter.h"
+
+#include <sstream>
+#include <utility>
+
+#include "contracts/CommandHeader.h"
+#include "contracts/ConnectionType.h"
+#include "support/OstrelinkNativeException.h"
+#include "transport/TransportInMemory.h"
+#include "transport/TransportNetwork.h"
+
+namespace Ostrelink::Native::Transmitter {
+
+using Definitions::CommandHeader;
+using Definitions::ConnectionType;
+using Interfaces::ITransport;
+using Transport::TransportInMemory;
+using Transport::TransportNetwork;
+
+namespace {
+
+constexpr int shortestMessage = CommandHeader::size;
+
+bool isKnownConnectionType(unsigned char connectionType) {
+    return connectionType <= static_cast<unsigned char>(ConnectionType::Tls);
+}
+
+}  // namespace
+
+NativeTransmitter::NativeTransmitter(Definitions::RuntimeOperationMode mode)
+    : m_operationMode(mode) {}
+
+NativeTransmitter::~NativeTransmitter() = default;
+
+int NativeTransmitter::SendCommand(unsigned char* message, int length) {
+    if (length < shortestMessage) {
+        throw OstrelinkNativeException(
+            "Message byte array length is less than " + std::to_string(shortestMessage), "Unknown");
+    }
+    // The channel is held by this call: another thread may make a different one current
+    // meanwhile, and this message still goes where its own header pointed.
+    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
+    channel->Initialize(message[CommandHeader::callingRuntime],
+                        message[CommandHeader::targetRuntime],
+                        message[CommandHeader::runtimeVersion]);
+    return channel->SendCommand(message, length);
+}
+
+int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
+    std::shared_ptr<ITransport> channel;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto own = m_threadChannels.find(std::this_thread::get_id());
+        channel = own != m_threadChannels.end() ? own->second : m_transportChannel;
+    }
+    if (!channel) {
+        throw OstrelinkNativeException(
+            "Ostrelink Native Exception: Exception code 024. \nNo transport channel selected: "
+            "send a command before reading its response",
+            "Unknown");
+    }
+    return channel->ReadResponse(buffer, length);
+}
+
+void NativeTransmitter::SetTransportChannel(ITransport* channel) {
+    // Should the control block fail to allocate, shared_ptr deletes channel before rethrowing.
+    std::shared_ptr<ITransport> owned(channel);
+    std::shared_ptr<ITransport> replacedCurrent;
+    std::shared_ptr<ITransport> replacedOfThread;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    makeCurrentLocked(std::move(owned), replacedCurrent, replacedOfThread);
+}
+
+unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime,
+                                                    unsigned char calledRuntime,
+                                                    unsigned char runtimeVersion,
+                                                    std::string path) {
+    std::shared_ptr<ITransport> channel;
+    {
+        std::shared_ptr<ITransport> replacedCurrent;
+        std::shared_ptr<ITransport> replacedOfThread;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            channel = inMemoryChannelLocked();
+            makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
+        }
+    }
+    channel->Initialize(callingRuntime, calledRuntime, runtimeVersion);
+    return channel->SetEmbeddedRuntime(callingRuntime, calledRuntime, runtimeVersion,
+                                       std::move(path));
+}
+
+unsigned char NativeTransmitter::DeployRuntime(unsigned char* message, int length, std::string text,
+                                               unsigned char flag) {
+    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
+    channel->Initialize(message[CommandHeader::callingRuntime],
+                        message[CommandHeader::targetRuntime],
+                        message[CommandHeader::runtimeVersion]);
+    return channel->DeployRuntime(message, length, std::move(text), flag);
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::GetTransportChannel(unsigned char* message) {
+    const unsigned char connectionType = message[CommandHeader::connectionType];
+    if (!isKnownConnectionType(connectionType)) {
+        throw OstrelinkNativeException("Ostrelink Native Exception: Exception code 023.",
+                                       "Unknown");
+    }
+    std::shared_ptr<ITransport> channel;
+    std::shared_ptr<ITransport> replacedCurrent;
+    std::shared_ptr<ITransport> replacedOfThread;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    channel = connectionType == static_cast<unsigned char>(ConnectionType::InMemory)
+                  ? inMemoryChannelLocked()
+                  : networkChannelLocked(message);
+    makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
+    return channel;
+}
+
+int NativeTransmitter::InitializeTransportChannel(unsigned char* message) {
+    return GetTransportChannel(message)->Initialize(message[CommandHeader::callingRuntime],
+                                                    message[CommandHeader::targetRuntime],
+                                                    message[CommandHeader::runtimeVersion]);
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::CreateInMemoryTransportChannel() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return inMemoryChannelLocked();
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::CreateNetworkChannel(unsigned char* message) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return networkChannelLocked(message);
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
+    if (!m_inMemoryChannel) {
+        m_inMemoryChannel = std::make_shared<TransportInMemory>();
+    }
+    return m_inMemoryChannel;
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(unsigned char* message) {
+    std::ostringstream host;
+    for (int octet = 0; octet < 4; ++octet) {
+        if (octet != 0) {
+            host << '.';
+        }
+        host << static_cast<unsigned>(message[CommandHeader::hostAddress + octet]);
+    }
+    const auto port = static_cast<unsigned short>(message[CommandHeader::hostPort] |
+                                                  (message[CommandHeader::hostPort + 1] << 8));
+    const std::string key = host.str() + ":" + std::to_string(port);
+
+    // One key is one channel whatever the type of the message that finds it: the first message
+    // to a host and port decides between TCP and TLS for good.
+    auto found = m_networkChannels.find(key);
+    if (found == m_networkChannels.end()) {
+        const bool useTls = message[CommandHeader::connectionType] ==
+                            static_cast<unsigned char>(ConnectionType::Tls);
+        found =
+            m_networkChannels
+                .emplace(key, useTls ? std::make_shared<TransportNetwork>(host.str(), port, true)
+                                     : std::make_shared<TransportNetwork>(host.str(), port))
+                .first;
+    }
+    return found->second;
+}
+
+void NativeTransmitter::makeCurrentLocked(std::shared_ptr<ITransport> channel,
+                                          std::shared_ptr<ITransport>& replacedCurrent,
+                                          std::shared_ptr<ITransport>& replacedOfThread) {
+    replacedCurrent = std::exchange(m_transportChannel, channel);
+    replacedOfThread =
+        std::exchange(m_threadChannels[std::this_thread::get_id()], std::move(channel));
+}
+
+}  // namespace Ostrelink::Native::Transmitter

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "contracts/ITransmitter.h"
+#include "contracts/ITransport.h"
+#include "contracts/RuntimeOperationMode.h"
+
+namespace Ostrelink::Native::Transport {
+class TransportInMemory;
+}
+
+namespace Ostrelink::Native::Transmitter {
+
+// The outbound endpoint: reads the routing bytes of each message's header, picks or makes the
+// channel they name, initialises it with the header's runtimes and forwards the message.
+//
+// Threads. Java and host threads send at once. m_mutex guards the channel maps,
+// m_transportChannel and the per-thread record; it is held only while a channel is chosen,
+// never across a channel's Initialize, SendCommand or ReadResponse. ReadResponse reads from the
+// channel that served the calling thread's own last selection (m_threadChannels), so a reply is
+// never looked for on a channel that another thread picked in between. The record keeps one
+// entry per thread id that ever sent; the system reuses the ids of ended threads, so it grows
+// with the peak number of sending threads, not with the number of messages.
+class NativeTransmitter : public Interfaces::ITransmitter {
+public:
+    explicit NativeTransmitter(Definitions::RuntimeOperationMode mode);
+    ~NativeTransmitter() override;
+    NativeTransmitter(const NativeTransmitter&) = delete;
+    NativeTransmitter& operator=(const NativeTransmitter&) = delete;
+
+    int SendCommand(unsigned char* message, int length) override;
+    int ReadResponse(unsigned char* buffer, int length) override;
+    void SetTransportChannel(Interfaces::ITransport* channel) override;
+    unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
+                                     unsigned char runtimeVersion, std::string path) override;
+    unsigned char DeployRuntime(unsigned char* message, int length, std::string text,
+                                unsigned char flag) override;
+
+    // Selects the channel for message, makes it current (for the transmitter and for the calling
+    // thread) and returns it. Throws code 023 for an unknown connectionType, choosing nothing.
+    std::shared_ptr<Interfaces::ITransport> GetTransportChannel(unsigned char* message);
+    // GetTransportChannel, then the channel's Initialize with header bytes 9, 0, 1.
+    int InitializeTransportChannel(unsigned char* message);
+    std::shared_ptr<Interfaces::ITransport> CreateInMemoryTransportChannel();
+    std::shared_ptr<Interfaces::ITransport> CreateNetworkChannel(unsigned char* message);
+
+private:
+    // Both with m_mutex held.
+    std::shared_ptr<Interfaces::ITransport> inMemoryChannelLocked();
+    std::shared_ptr<Interfaces::ITransport> networkChannelLocked(unsigned char* message);
+    // Makes channel current and hands back what it replaced, to be released after unlocking:
+    // the destructor of a channel installed by SetTransportChannel is foreign code.
+    void makeCurrentLocked(std::shared_ptr<Interfaces::ITransport> channel,
+                           std::shared_ptr<Interfaces::ITransport>& replacedCurrent,
+                           std::shared_ptr<Interfaces::ITransport>& replacedOfThread);
+
+    std::mutex m_mutex;
+    // Declared so that destruction releases m_threadChannels and m_transportChannel first, then
+    // m_networkChannels, then m_inMemoryChannel.
+    std::shared_ptr<Transport::TransportInMemory> m_inMemoryChannel;
+    std::map<std::string, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
+    std::shared_ptr<Interfaces::ITransport> m_transportChannel;
+    std::map<std::thread::id, std::shared_ptr<Interfaces::ITransport>> m_threadChannels;
+    const Definitions::RuntimeOperationMode m_operationMode;
+};
+
+}  // namespace Ostrelink::Native::Transmitter

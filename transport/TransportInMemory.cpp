@@ -1,0 +1,257 @@
+#include "transport/TransportInMemory.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "contracts/CommandHeader.h"
+#include "contracts/CommandType.h"
+#include "contracts/RuntimeFactories.h"
+#include "support/LibrariesFinder.h"
+#include "support/OstrelinkNativeException.h"
+#include "support/RuntimeNameHandler.h"
+
+namespace Ostrelink::Native::Transport {
+
+using Definitions::CommandHeader;
+using Definitions::RuntimeOperationMode;
+using Interfaces::CreateReceiverFn;
+using Interfaces::CreateTransmitterFn;
+using Interfaces::IReceiver;
+using Interfaces::ITransmitter;
+using LibrariesFinder::LibrariesFinder;
+
+namespace {
+
+// Serialises every Initialize of every channel of this library. Not recursive: nothing that
+// runs inside Initialize (a factory, a receiver's Initialize) may come back into Initialize on
+// the same thread.
+std::mutex initializationMutex;
+
+constexpr int firstRuntime = 0;
+constexpr int lastRuntime = 10;
+
+// The objects belong to the library that made them.
+template <typename Object>
+std::shared_ptr<Object> borrowed(Object* object) {
+    return std::shared_ptr<Object>(object, [](Object*) {});
+}
+
+[[noreturn]] void fail(const std::string& code, const std::string& text) {
+    throw OstrelinkNativeException(
+        "Ostrelink Native Exception: Exception code " + code + ". \n" + text, "Unknown");
+}
+
+[[noreturn]] void reinstall(const char* code) {
+    fail(code, "Reinstall Ostrelink package");
+}
+
+// The chain of DeployRuntime calls that this thread is inside, innermost first.
+struct DeployScope {
+    const TransportInMemory* channel;
+    const DeployScope* outer;
+};
+thread_local const DeployScope* deploying = nullptr;
+
+}  // namespace
+
+TransportInMemory::TransportInMemory() {
+    for (int code = firstRuntime; code <= lastRuntime; ++code) {
+        m_libraries[code] = nullptr;
+        m_receivers[code] = nullptr;
+        m_transmitters[code] = nullptr;
+    }
+}
+
+TransportInMemory::~TransportInMemory() {
+    for (int code = firstRuntime; code <= lastRuntime; ++code) {
+        const bool gaveObjects = m_receivers[code] || m_transmitters[code];
+        m_receivers[code].reset();
+        m_transmitters[code].reset();
+        if (m_libraries[code] != nullptr && !gaveObjects) {
+            dlclose(m_libraries[code]);
+        }
+        m_libraries[code] = nullptr;
+    }
+}
+
+int TransportInMemory::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
+                                  unsigned char runtimeVersion) {
+    std::lock_guard<std::mutex> lock(initializationMutex);
+    if (m_libraries[callingRuntime] != nullptr && m_libraries[calledRuntime] != nullptr) {
+        return 0;
+    }
+    m_callingRuntime = callingRuntime;
+    m_calledRuntime = calledRuntime;
+    m_runtimeVersion = runtimeVersion;
+
+    ImportCalledLibrary();
+    CreateReceiverInCalledRuntime();
+    CreateTransmitterInCalledRuntime();
+
+    // A sender whose own library can't be set up still reaches the called runtime; the
+    // exception's constructor has left the only record of it.
+    try {
+        ImportCallingLibrary();
+        CreateReceiverInCallingRuntime();
+        CreateTransmitterInCallingRuntime();
+    } catch (const OstrelinkNativeException&) {
+    }
+    return 0;
+}
+
+int TransportInMemory::SendCommand(unsigned char* message, int length) {
+    return receiverOf(message[CommandHeader::targetRuntime])->SendCommand(message, length);
+}
+
+int TransportInMemory::ReadResponse(unsigned char* buffer, int length) {
+    return receiverOf(buffer[CommandHeader::targetRuntime])->ReadResponse(buffer, length);
+}
+
+unsigned char TransportInMemory::SetEmbeddedRuntime(unsigned char, unsigned char,
+                                                    unsigned char runtimeVersion,
+                                                    std::string path) {
+    return receiverOf(m_calledRuntime)->SetEmbeddedRuntime(runtimeVersion, std::move(path));
+}
+
+unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int length, std::string text,
+                                               unsigned char flag) {
+    for (const DeployScope* scope = deploying; scope != nullptr; scope = scope->outer) {
+        if (scope->channel == this) {
+            fail("021", "DeployRuntime loops back to the transmitter that sent it");
+        }
+    }
+    const std::shared_ptr<ITransmitter> target = transmitterOf(m_calledRuntime);
+    const DeployScope scope{this, deploying};
+    deploying = &scope;
+    struct Leave {
+        const DeployScope* outer;
+        ~Leave() { deploying = outer; }
+    } leave{scope.outer};
+    return target->DeployRuntime(message, length, std::move(text), flag);
+}
+
+void TransportInMemory::ImportCalledLibrary() {
+    importLibrary(m_calledRuntime);
+}
+
+void TransportInMemory::CreateReceiverInCalledRuntime() {
+    createReceiver(m_calledRuntime, RuntimeOperationMode::Called, "014", "015");
+}
+
+void TransportInMemory::CreateTransmitterInCalledRuntime() {
+    createTransmitter(m_calledRuntime, RuntimeOperationMode::Called);
+}
+
+void TransportInMemory::ImportCallingLibrary() {
+    importLibrary(m_callingRuntime);
+}
+
+void TransportInMemory::CreateReceiverInCallingRuntime() {
+    createReceiver(m_callingRuntime, RuntimeOperationMode::Calling, "017", "018");
+}
+
+void TransportInMemory::CreateTransmitterInCallingRuntime() {
+    createTransmitter(m_callingRuntime, RuntimeOperationMode::Calling);
+}
+
+void TransportInMemory::SendHeartBeatToCalledRuntime() {
+    std::puts("SendHeartBeatToCalledRuntime");
+    std::fflush(stdout);
+    sendHeartBeat(m_calledRuntime, m_runtimeVersion, m_callingRuntime);
+}
+
+void TransportInMemory::SendHeartBeatToCallingRuntime() {
+    std::puts("SendHeartBeatToCallingRuntime");
+    std::fflush(stdout);
+    sendHeartBeat(m_callingRuntime, 0, m_calledRuntime);
+}
+
+void TransportInMemory::importLibrary(int code) {
+    void*& handle = m_libraries[code];
+    if (handle != nullptr) {
+        return;
+    }
+    handle = LibrariesFinder::loadLibrary(LibrariesFinder::getRuntimeLibraryPath(code), true, true);
+}
+
+void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, const char* missingCode,
+                                       const char* nullCode) {
+    std::shared_ptr<IReceiver>& entry = m_receivers[code];
+    if (std::atomic_load(&entry)) {
+        return;
+    }
+    void* symbol = dlsym(m_libraries[code], "CreateReceiver");
+    if (symbol == nullptr) {
+        reinstall(missingCode);
+    }
+    IReceiver* created = reinterpret_cast<CreateReceiverFn>(symbol)(mode);
+    if (created == nullptr) {
+        reinstall(nullCode);
+    }
+    // A receiver whose Initialize throws is not stored; the next attempt asks the factory again.
+    created->Initialize(m_callingRuntime, m_calledRuntime, m_runtimeVersion);
+    std::atomic_store(&entry, borrowed(created));
+}
+
+void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
+    std::shared_ptr<ITransmitter>& entry = m_transmitters[code];
+    if (std::atomic_load(&entry)) {
+        return;
+    }
+    void* symbol = dlsym(m_libraries[code], "CreateTransmitter");
+    if (symbol == nullptr) {
+        reinstall("016");
+    }
+    ITransmitter* created = reinterpret_cast<CreateTransmitterFn>(symbol)(mode);
+    if (created == nullptr) {
+        reinstall("020");
+    }
+    std::atomic_store(&entry, borrowed(created));
+}
+
+void TransportInMemory::sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
+                                      unsigned char callingRuntime) {
+    constexpr int length = Definitions::heartBeatMessageLength;
+    auto message = std::make_unique<unsigned char[]>(length);  // zeroed: bytes 2 to 8 stay 0
+    message[CommandHeader::targetRuntime] = targetRuntime;
+    message[CommandHeader::runtimeVersion] = runtimeVersion;
+    message[CommandHeader::callingRuntime] = callingRuntime;
+    message[CommandHeader::commandType] =
+        static_cast<unsigned char>(Definitions::CommandType::HeartBeatCommand);
+    message[11] = 0x31;
+    message[12] = 0x32;
+    receiverOf(targetRuntime)->SendCommand(message.get(), length);
+}
+
+std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {
+    const auto found = m_receivers.find(code);
+    std::shared_ptr<IReceiver> entry;
+    if (found != m_receivers.end()) {
+        entry = std::atomic_load(&found->second);
+    }
+    if (!entry) {
+        fail("019", "No receiver of runtime " +
+                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
+                        " is set up on the in-memory channel");
+    }
+    return entry;
+}
+
+std::shared_ptr<ITransmitter> TransportInMemory::transmitterOf(int code) const {
+    const auto found = m_transmitters.find(code);
+    std::shared_ptr<ITransmitter> entry;
+    if (found != m_transmitters.end()) {
+        entry = std::atomic_load(&found->second);
+    }
+    if (!entry) {
+        fail("019", "No transmitter of runtime " +
+                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
+                        " is set up on the in-memory channel");
+    }
+    return entry;
+}
+
+}  // namespace Ostrelink::Native::Transport

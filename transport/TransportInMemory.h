@@ -1,0 +1,77 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "contracts/IReceiver.h"
+#include "contracts/ITransmitter.h"
+#include "contracts/ITransport.h"
+#include "contracts/RuntimeOperationMode.h"
+
+namespace Ostrelink::Native::Transport {
+
+// The channel for connectionType 0: opens the native libraries of the called and the calling
+// runtime, takes a receiver and a transmitter from each library's factories, and delivers a
+// message by a virtual call on the target runtime's receiver, passing the caller's bytes.
+//
+// Ownership. The factories hand out their library's process-wide singletons, which that library
+// goes on using and which other channels may hold too. The entries therefore never delete what
+// they point at (their deleter does nothing). A library handle stays open for good once a factory
+// of that library has given us an object; handles of libraries that gave nothing are closed by
+// the destructor, after the entries are gone, so no code of an unloaded library can run.
+//
+// Threads. initializationMutex (one for the library) covers the whole of Initialize. Entries are
+// written only there, and read with atomic shared_ptr loads everywhere else, so senders on other
+// threads never see a half-written entry. The maps themselves never change shape after
+// construction outside Initialize's look-ups of m_libraries, which are under the mutex.
+class TransportInMemory : public Interfaces::ITransport {
+public:
+    TransportInMemory();
+    ~TransportInMemory() override;
+    TransportInMemory(const TransportInMemory&) = delete;
+    TransportInMemory& operator=(const TransportInMemory&) = delete;
+
+    int Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
+                   unsigned char runtimeVersion) override;
+    // Goes to the receiver of message[0].
+    int SendCommand(unsigned char* message, int length) override;
+    // Goes to the receiver of buffer[0]: the caller puts the target runtime there first.
+    int ReadResponse(unsigned char* buffer, int length) override;
+    unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
+                                     unsigned char runtimeVersion, std::string path) override;
+    // Goes to the called runtime's transmitter. Throws code 021 if that transmitter sends the
+    // call back into this same channel on this thread, which would recurse without end.
+    unsigned char DeployRuntime(unsigned char* message, int length, std::string text,
+                                unsigned char flag) override;
+
+    void ImportCalledLibrary();
+    void CreateReceiverInCalledRuntime();
+    void CreateTransmitterInCalledRuntime();
+    void ImportCallingLibrary();
+    void CreateReceiverInCallingRuntime();
+    void CreateTransmitterInCallingRuntime();
+
+    void SendHeartBeatToCalledRuntime();
+    void SendHeartBeatToCallingRuntime();
+
+private:
+    void importLibrary(int code);
+    void createReceiver(int code, Definitions::RuntimeOperationMode mode, const char* missingCode,
+                        const char* nullCode);
+    void createTransmitter(int code, Definitions::RuntimeOperationMode mode);
+    void sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
+                       unsigned char callingRuntime);
+    // The entry of code, or code 019 if the runtime has no such object on this channel.
+    std::shared_ptr<Interfaces::IReceiver> receiverOf(int code) const;
+    std::shared_ptr<Interfaces::ITransmitter> transmitterOf(int code) const;
+
+    unsigned char m_callingRuntime = 100;  // 100: no runtime yet
+    unsigned char m_calledRuntime = 100;
+    unsigned char m_runtimeVersion = 100;
+    std::map<int, std::shared_ptr<Interfaces::IReceiver>> m_receivers;
+    std::map<int, std::shared_ptr<Interfaces::ITransmitter>> m_transmitters;
+    std::map<int, void*> m_libraries;
+};
+
+}  // namespace Ostrelink::Native::Transport
