@@ -1,0 +1,152 @@
+// The channels as objects, for what only a holder of a channel can reach: heartbeats, a channel
+// that is destroyed, and a network channel used before its Initialize. The channel sources are
+// compiled into this test, which runs from the native directory of an installation of its own,
+// so the channel finds the staged siblings beside it.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+// The library's own headers, not the installed copies: the two must not meet in one unit.
+#include "common/HostLibrary.h"
+#include "contracts/RuntimeFactories.h"
+#include "transport/TransportInMemory.h"
+#include "transport/TransportNetwork.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Transport::TransportInMemory;
+using Ostrelink::Native::Transport::TransportNetwork;
+using testing::HasSubstr;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+constexpr unsigned char jvm = 2;
+constexpr unsigned char cpp = 8;
+
+std::string cppPath() {
+    return std::string(OUTBOUND_INSTALLS_DIR) + "unit/" + OUTBOUND_NATIVE_SUBDIR +
+           "libOstrelinkCppRuntimeNative.so";
+}
+
+// A message of 24 + query bytes: header, zeros, then the query as payloadText.
+Bytes message(unsigned char target, const std::string& query, unsigned char calling = jvm) {
+    Bytes bytes(24, 0);
+    bytes[0] = target;
+    bytes[9] = calling;
+    bytes.insert(bytes.end(), query.begin(), query.end());
+    return bytes;
+}
+
+Bytes payloadOf(const Bytes& reply) {
+    return reply.size() < 11 ? Bytes{} : Bytes(reply.begin() + 11, reply.end());
+}
+
+template <typename Action>
+std::string thrownText(Action action) {
+    try {
+        action();
+    } catch (const std::exception& exception) {
+        return exception.what();
+    }
+    ADD_FAILURE() << "no exception thrown";
+    return {};
+}
+
+bool cppLoaded() {
+    void* handle = dlopen(cppPath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle != nullptr) {
+        dlclose(handle);
+    }
+    return handle != nullptr;
+}
+
+Bytes ask(TransportInMemory& channel, const std::string& query) {
+    Bytes request = message(cpp, query);
+    const int length = channel.SendCommand(request.data(), static_cast<int>(request.size()));
+    Bytes reply(static_cast<std::size_t>(length), cpp);
+    channel.ReadResponse(reply.data(), length);
+    return payloadOf(reply);
+}
+
+TEST(ChannelUnit, HeartBeatToTheCalledRuntimeCarriesTheVersion) {
+    TransportInMemory channel;
+    EXPECT_FALSE(cppLoaded());
+    channel.Initialize(jvm, cpp, 3);
+    testing::internal::CaptureStdout();
+    channel.SendHeartBeatToCalledRuntime();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "SendHeartBeatToCalledRuntime\n");
+    EXPECT_EQ(ask(channel, "heartbeat"), (Bytes{cpp, 3, 0, 0, 0, 0, 0, 0, 0, jvm, 11, 0x31, 0x32}));
+}
+
+TEST(ChannelUnit, HeartBeatToTheCallingRuntimeCarriesZeroVersion) {
+    TransportInMemory channel;
+    channel.Initialize(cpp, cpp, 5);
+    testing::internal::CaptureStdout();
+    channel.SendHeartBeatToCallingRuntime();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "SendHeartBeatToCallingRuntime\n");
+    EXPECT_EQ(ask(channel, "heartbeat"), (Bytes{cpp, 0, 0, 0, 0, 0, 0, 0, 0, cpp, 11, 0x31, 0x32}));
+    // One library, opened once; the called half made both objects with mode 1.
+    EXPECT_EQ(ask(channel, "factories"), (Bytes{1, 1, 1, 1}));
+}
+
+TEST(ChannelUnit, EveryRoadThroughAnEmptyEntryGives019) {
+    TransportInMemory channel;
+    Bytes hello = message(cpp, "hello");
+    const std::string receiverText =
+        "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Cpp is set up "
+        "on the in-memory channel";
+    EXPECT_EQ(thrownText([&] { channel.SendCommand(hello.data(), 29); }), receiverText);
+    EXPECT_EQ(thrownText([&] { channel.ReadResponse(hello.data(), 29); }), receiverText);
+    EXPECT_THAT(thrownText([&] { channel.SendHeartBeatToCalledRuntime(); }),
+                HasSubstr("Exception code 019"));
+    EXPECT_THAT(thrownText([&] { channel.DeployRuntime(hello.data(), 29, "", 0); }),
+                HasSubstr("No transmitter of runtime Unknown"));
+    EXPECT_FALSE(cppLoaded());
+}
+
+TEST(ChannelUnit, SetEmbeddedRuntimeGoesToTheCalledRuntimeWithItsVersion) {
+    TransportInMemory channel;
+    channel.Initialize(jvm, cpp, 0);
+    EXPECT_EQ(channel.SetEmbeddedRuntime(9, 9, 6, "/srv"), 1);
+    EXPECT_EQ(ask(channel, "embedded"), (Bytes{6, '/', 's', 'r', 'v'}));
+}
+
+// The channel's objects are the sibling library's own singletons: destroying the channel must
+// leave them, and the library, alive for whoever else holds them.
+TEST(ChannelUnit, DestroyingTheChannelLeavesTheSiblingsObjectsAlive) {
+    HostLibrary cppLibrary(cppPath());
+    IReceiver* cppReceiver =
+        cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
+    {
+        TransportInMemory channel;
+        channel.Initialize(jvm, cpp, 0);
+        EXPECT_EQ(ask(channel, "runtimes"), (Bytes{jvm, cpp, 0, 1}));
+    }
+    EXPECT_TRUE(cppLoaded());
+    Bytes query = message(cpp, "runtimes");
+    const int length = cppReceiver->SendCommand(query.data(), static_cast<int>(query.size()));
+    Bytes reply(static_cast<std::size_t>(length), 0);
+    cppReceiver->ReadResponse(reply.data(), length);
+    EXPECT_EQ(payloadOf(reply), (Bytes{jvm, cpp, 0, 1}));
+}
+
+TEST(ChannelUnit, NetworkChannelBeforeInitializeGives013AndLoadsNothing) {
+    TransportNetwork channel("127.0.0.1", 9000);
+    Bytes hello = message(cpp, "hello");
+    const std::string text =
+        "Ostrelink Native Exception: Exception code 013. \nReinstall Ostrelink "
+        "package";
+    EXPECT_EQ(thrownText([&] { channel.SendCommand(hello.data(), 29); }), text);
+    EXPECT_EQ(thrownText([&] { channel.ReadResponse(hello.data(), 29); }), text);
+    EXPECT_EQ(channel.SetEmbeddedRuntime(2, 8, 0, "x"), 0);
+    EXPECT_EQ(channel.DeployRuntime(hello.data(), 29, "x", 0), 0);
+}
+
+}  // namespace

@@ -1,0 +1,191 @@
+// The in-memory road: host, this library's transmitter, the in-memory channel, a sibling runtime
+// library (the Cpp stand-in, runtime 8, or this library itself, runtime 2) and back.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ostrelink/IReceiver.h>
+#include <ostrelink/RuntimeFactories.h>
+
+#include "OutboundSupport.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Interfaces::ITransmitter;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr unsigned char jvm = 2;
+constexpr unsigned char cpp = 8;
+
+Bytes inMemoryMessage(unsigned char target, unsigned char calling, const std::string& payload) {
+    return routedMessage(target, calling, 0, payload);
+}
+
+ITransmitter* stagedTransmitter() {
+    return createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling);
+}
+
+Bytes ask(ITransmitter* sender, const std::string& query) {
+    return payloadOf(sendAndRead(sender, inMemoryMessage(cpp, jvm, query), cpp));
+}
+
+std::string reinstall(const char* code) {
+    return std::string("Ostrelink Native Exception: Exception code ") + code +
+           ". \nReinstall Ostrelink package";
+}
+
+TEST(InMemory, DeliversToTheCppRuntimeAndBackOnceSetUp) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    message[1] = 7;
+    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
+    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
+    // The called half made the receiver and the transmitter with mode 1, and initialised the
+    // receiver once with (calling, called, version) = (2, 8, 7).
+    EXPECT_EQ(ask(sender, "factories"), (Bytes{1, 1, 1, 1}));
+    EXPECT_EQ(ask(sender, "runtimes"), (Bytes{jvm, cpp, 7, 1}));
+}
+
+// Runtime 8 sends a health check to this library itself: the calling half sets up the Cpp
+// runtime with mode 0, and the called half opens this very library again by path.
+TEST(InMemory, HealthCheckToThisLibraryThroughTheTransmitter) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes check = healthCheckMessage(jvm);
+    check[9] = cpp;
+    EXPECT_EQ(sendAndRead(sender, check, jvm), acknowledgeBytes());
+    EXPECT_EQ(ask(sender, "factories"), (Bytes{0, 0, 1, 1}));
+    EXPECT_EQ(ask(sender, "runtimes"), (Bytes{cpp, jvm, 0, 1}));
+}
+
+TEST(InMemory, ExceptionRepliesAndForeignFailuresReachTheSender) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes reply = sendAndRead(sender, inMemoryMessage(cpp, jvm, "exception"), cpp);
+    ASSERT_GE(reply.size(), 11u);
+    EXPECT_EQ(reply[10], 10);
+    Bytes failing = inMemoryMessage(cpp, jvm, "fail");
+    EXPECT_EQ(
+        thrownText([&] { sender->SendCommand(failing.data(), static_cast<int>(failing.size())); }),
+        "Cpp runtime: command failed on request");
+}
+
+TEST(InMemory, TargetAboveTenFailsInTheLoader) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(11, jvm, "hello");
+    const std::string text =
+        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
+    EXPECT_THAT(text,
+                StartsWith("Ostrelink Native Exception: Exception code 001. \nCannot load: "));
+    EXPECT_THAT(text, EndsWith("/Unknown. \nError: File not found."));
+}
+
+TEST(InMemory, CallingRuntimeAboveTenFailsSilentlyAndTheMessageArrives) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(cpp, 11, "hello");
+    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
+    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
+}
+
+TEST(InMemory, ReadingFromARuntimeThatIsNotSetUpGives019) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    const int length = sender->SendCommand(message.data(), static_cast<int>(message.size()));
+    Bytes buffer(static_cast<std::size_t>(length), 5);
+    EXPECT_EQ(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
+              "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Perl is "
+              "set up on the in-memory channel");
+    buffer[0] = 200;
+    EXPECT_THAT(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
+                HasSubstr("Exception code 019"));
+    buffer[0] = cpp;
+    EXPECT_EQ(sender->ReadResponse(buffer.data(), length), 0);
+    EXPECT_EQ(buffer, message);
+}
+
+TEST(InMemory, DeployRuntimeGoesToTheCalledRuntimesTransmitter) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(cpp, jvm, "deploy");
+    EXPECT_EQ(sender->DeployRuntime(message.data(), static_cast<int>(message.size()), "text", 3),
+              1);
+    EXPECT_EQ(ask(sender, "deployments"), (Bytes{1}));
+}
+
+// Deploying to runtime 2 in memory reaches this library's own transmitter, which would send the
+// same message into the same channel again.
+TEST(InMemory, DeployRuntimeBackToThisLibraryEndsTheChain) {
+    ITransmitter* sender = stagedTransmitter();
+    Bytes message = inMemoryMessage(jvm, cpp, "deploy");
+    EXPECT_EQ(thrownText([&] {
+                  sender->DeployRuntime(message.data(), static_cast<int>(message.size()), "", 0);
+              }),
+              "Ostrelink Native Exception: Exception code 021. \nDeployRuntime loops back to the "
+              "transmitter that sent it");
+    // The chain is over: the channel still serves.
+    EXPECT_EQ(sendAndRead(sender, healthCheckMessage(jvm), jvm), acknowledgeBytes());
+}
+
+TEST(InMemoryFailures, CalledLibraryWithoutCreateReceiverGives014EveryTime) {
+    ITransmitter* sender =
+        createTransmitter(installedRuntime("cpp_without_receiver"), RuntimeOperationMode::Calling);
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(thrownText([&] {
+                      sender->SendCommand(message.data(), static_cast<int>(message.size()));
+                  }),
+                  reinstall("014"));
+    }
+}
+
+TEST(InMemoryFailures, CalledFactoryReturningNullGives015) {
+    ITransmitter* sender =
+        createTransmitter(installedRuntime("cpp_null_factories"), RuntimeOperationMode::Calling);
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    EXPECT_EQ(
+        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
+        reinstall("015"));
+}
+
+// The receiver is stored before CreateTransmitter is looked for: a retry asks for no second one.
+TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoringTheReceiver) {
+    ITransmitter* sender = createTransmitter(installedRuntime("cpp_without_transmitter"),
+                                             RuntimeOperationMode::Calling);
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(thrownText([&] {
+                      sender->SendCommand(message.data(), static_cast<int>(message.size()));
+                  }),
+                  reinstall("016"));
+    }
+    HostLibrary cppLibrary(
+        installedFile("cpp_without_transmitter", "libOstrelinkCppRuntimeNative.so"));
+    IReceiver* cppReceiver =
+        cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
+    Bytes query = inMemoryMessage(cpp, jvm, "factories");
+    const int length = cppReceiver->SendCommand(query.data(), static_cast<int>(query.size()));
+    Bytes reply(static_cast<std::size_t>(length), 0);
+    cppReceiver->ReadResponse(reply.data(), length);
+    // Receiver factory: once by the channel, once just now. Transmitter factory: never there.
+    EXPECT_EQ(payloadOf(reply), (Bytes{1, 0xFE, 2, 0}));
+}
+
+// In the calling half every one of these failures is recorded and dropped: the sender's message
+// still reaches this library's receiver.
+class CallingHalfFailure : public testing::TestWithParam<const char*> {};
+
+TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
+    ITransmitter* sender =
+        createTransmitter(installedRuntime(GetParam()), RuntimeOperationMode::Calling);
+    Bytes check = healthCheckMessage(jvm);
+    check[9] = cpp;
+    EXPECT_EQ(sendAndRead(sender, check, jvm), acknowledgeBytes());
+    EXPECT_EQ(sendAndRead(sender, check, jvm), acknowledgeBytes());
+}
+
+INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CallingHalfFailure,
+                         testing::Values("cpp_without_receiver", "cpp_null_factories",
+                                         "cpp_without_transmitter"));
+
+}  // namespace

@@ -1,0 +1,119 @@
+// The creators of the process's transmitter and the rule that the first mode wins.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <ostrelink/IReceiver.h>
+#include <ostrelink/RuntimeFactories.h>
+
+#include "OutboundSupport.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
+using Ostrelink::Native::Interfaces::GetTransmitterFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Interfaces::ITransmitter;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+using SetOperationModeFn = int (*)();
+
+ITransmitter* getTransmitter() {
+    return stagedRuntime().get<GetTransmitterFn>("GetTransmitter")();
+}
+
+int setOperationModeForTransmitter() {
+    return stagedRuntime().get<SetOperationModeFn>("_Z30SetOperationModeForTransmitterv")();
+}
+
+IReceiver* createReceiver(RuntimeOperationMode mode) {
+    return stagedRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
+}
+
+// A Called receiver prints the runtime info when it comes up, a Calling one does not: that is
+// how a test sees the mode that the process settled on.
+bool receiverComesUpAsCalled() {
+    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
+    testing::internal::CaptureStdout();
+    receiver->Initialize(8, 2, 0);
+    return testing::internal::GetCapturedStdout().find("JVM Native Launcher Runtime Info") !=
+           std::string::npos;
+}
+
+TEST(TransmitterFactory, GetTransmitterIsNullUntilCreatedThenOneObject) {
+    EXPECT_EQ(getTransmitter(), nullptr);
+    ITransmitter* transmitter = createTransmitter(stagedRuntime(), RuntimeOperationMode::Called);
+    ASSERT_NE(transmitter, nullptr);
+    EXPECT_EQ(getTransmitter(), transmitter);
+    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling), transmitter);
+    EXPECT_TRUE(receiverComesUpAsCalled());
+}
+
+TEST(TransmitterFactory, SetOperationModeFirstFixesCallingForEveryLaterCreator) {
+    EXPECT_EQ(setOperationModeForTransmitter(), 0);
+    ITransmitter* transmitter = getTransmitter();
+    ASSERT_NE(transmitter, nullptr);
+    EXPECT_EQ(setOperationModeForTransmitter(), 0);
+    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Called), transmitter);
+    EXPECT_FALSE(receiverComesUpAsCalled());
+}
+
+TEST(TransmitterFactory, SetOperationModeAfterACalledReceiverKeepsCalled) {
+    ASSERT_NE(createReceiver(RuntimeOperationMode::Called), nullptr);
+    EXPECT_EQ(getTransmitter(), nullptr);
+    EXPECT_EQ(setOperationModeForTransmitter(), 0);
+    EXPECT_NE(getTransmitter(), nullptr);
+    EXPECT_TRUE(receiverComesUpAsCalled());
+}
+
+TEST(TransmitterFactory, NotSetBuildsATransmitterAndLeavesTheModeOpen) {
+    ITransmitter* transmitter = createTransmitter(stagedRuntime(), RuntimeOperationMode::NotSet);
+    ASSERT_NE(transmitter, nullptr);
+    // The mode is still -1, so a receiver can't be built with it.
+    EXPECT_THAT(thrownText([] { createReceiver(RuntimeOperationMode::NotSet); }),
+                HasSubstr("Exception code 032"));
+    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Called), transmitter);
+    EXPECT_TRUE(receiverComesUpAsCalled());
+}
+
+// Both creators race on a fresh process: one transmitter, and one mode for everybody.
+TEST(TransmitterFactory, RacingCreatorsAgreeOnOneTransmitterAndOneMode) {
+    constexpr int threadCount = 8;
+    std::atomic<bool> go{false};
+    std::vector<ITransmitter*> results(threadCount, nullptr);
+    std::vector<std::thread> threads;
+    auto create = stagedRuntime().get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
+        "CreateTransmitter");
+    auto setMode = stagedRuntime().get<SetOperationModeFn>("_Z30SetOperationModeForTransmitterv");
+    for (int i = 0; i < threadCount; ++i) {
+        threads.emplace_back([&, i] {
+            while (!go.load()) {
+                std::this_thread::yield();
+            }
+            if (i % 2 == 0) {
+                results[static_cast<std::size_t>(i)] = create(RuntimeOperationMode::Called);
+            } else {
+                setMode();
+                results[static_cast<std::size_t>(i)] = getTransmitter();
+            }
+        });
+    }
+    go = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    ITransmitter* transmitter = getTransmitter();
+    ASSERT_NE(transmitter, nullptr);
+    for (ITransmitter* result : results) {
+        EXPECT_EQ(result, transmitter);
+    }
+    // A mode is set: CreateReceiver(-1) takes it instead of failing with 032.
+    EXPECT_NE(createReceiver(RuntimeOperationMode::NotSet), nullptr);
+}
+
+}  // namespace
