@@ -20,8 +20,8 @@ std::shared_mutex createTransmitterMutex;
 std::shared_mutex setOperationModeForTransmitterMutex;
 
 RuntimeOperationMode settleOperationMode(RuntimeOperationMode mode) {
-    RuntimeOperationMode current = RuntimeOperationMode::NotSet;
-    if (mode != RuntimeOperationMode::NotSet &&
+    RuntimeOperationMode current = operationMode.load(std::memory_order_acquire);
+    if (current == RuntimeOperationMode::NotSet && mode != RuntimeOperationMode::NotSet &&
         operationMode.compare_exchange_strong(current, mode, std::memory_order_acq_rel)) {
         return mode;
     }
