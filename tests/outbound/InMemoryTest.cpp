@@ -95,7 +95,7 @@ TEST(InMemory, ReadingFromARuntimeThatIsNotSetUpGives019) {
     const int length = sender->SendCommand(message.data(), static_cast<int>(message.size()));
     Bytes buffer(static_cast<std::size_t>(length), 5);
     EXPECT_EQ(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
-              "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Perl is "
+              "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Python is "
               "set up on the in-memory channel");
     buffer[0] = 200;
     EXPECT_THAT(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
