@@ -1,0 +1,72 @@
+#include "Frame.h"
+
+#include <limits>
+#include <string>
+
+#include "StreamError.h"
+
+namespace Ostrelink::Network {
+
+namespace {
+
+// Fills the buffer. False if the stream ended before the first byte and that is allowed.
+bool readExact(ByteChannel& channel, unsigned char* buffer, std::size_t size, int timeoutMs,
+               bool endAllowed) {
+    std::size_t done = 0;
+    while (done < size) {
+        const std::size_t got = channel.readSome(buffer + done, size - done, timeoutMs);
+        if (got == 0) {
+            if (done == 0 && endAllowed) {
+                return false;
+            }
+            throw StreamError(StreamFailure::ClosedMidFrame,
+                              "connection closed in the middle of a frame");
+        }
+        done += got;
+    }
+    return true;
+}
+
+}  // namespace
+
+void encodeFrameLength(std::uint32_t length, unsigned char (&header)[frameHeaderSize]) {
+    header[0] = static_cast<unsigned char>(length >> 24);
+    header[1] = static_cast<unsigned char>(length >> 16);
+    header[2] = static_cast<unsigned char>(length >> 8);
+    header[3] = static_cast<unsigned char>(length);
+}
+
+std::uint32_t decodeFrameLength(const unsigned char (&header)[frameHeaderSize]) {
+    return (std::uint32_t{header[0]} << 24) | (std::uint32_t{header[1]} << 16) |
+           (std::uint32_t{header[2]} << 8) | std::uint32_t{header[3]};
+}
+
+void writeFrame(ByteChannel& channel, const unsigned char* data, std::size_t size, int timeoutMs) {
+    if (size > std::numeric_limits<std::uint32_t>::max()) {
+        throw StreamError(StreamFailure::Oversize,
+                          "a frame of " + std::to_string(size) + " bytes cannot be sent");
+    }
+    unsigned char header[frameHeaderSize];
+    encodeFrameLength(static_cast<std::uint32_t>(size), header);
+    channel.writeAll(header, frameHeaderSize, timeoutMs);
+    channel.writeAll(data, size, timeoutMs);
+}
+
+std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::uint32_t maxSize,
+                                                    int timeoutMs) {
+    unsigned char header[frameHeaderSize];
+    if (!readExact(channel, header, frameHeaderSize, timeoutMs, true)) {
+        return std::nullopt;
+    }
+    const std::uint32_t length = decodeFrameLength(header);
+    if (length > maxSize) {
+        throw StreamError(StreamFailure::Oversize, "frame of " + std::to_string(length) +
+                                                       " bytes exceeds the limit of " +
+                                                       std::to_string(maxSize) + " bytes");
+    }
+    std::vector<unsigned char> payload(length);
+    readExact(channel, payload.data(), payload.size(), timeoutMs, false);
+    return payload;
+}
+
+}  // namespace Ostrelink::Network

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "ByteChannel.h"
+
+namespace Ostrelink::Network {
+
+// A frame: the payload's length as 4 bytes, big-endian, then the payload. See README.md.
+inline constexpr std::size_t frameHeaderSize = 4;
+inline constexpr std::uint32_t defaultMaxFrameSize = 64u * 1024u * 1024u;
+
+void encodeFrameLength(std::uint32_t length, unsigned char (&header)[frameHeaderSize]);
+std::uint32_t decodeFrameLength(const unsigned char (&header)[frameHeaderSize]);
+
+// Writes one frame. The caller has checked size against its own limit.
+void writeFrame(ByteChannel& channel, const unsigned char* data, std::size_t size, int timeoutMs);
+
+// Reads one frame. Empty when the peer closed the stream cleanly before its first byte. A length
+// above maxSize throws StreamFailure::Oversize before anything is allocated for it; the stream is
+// then out of step and must be dropped.
+std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::uint32_t maxSize,
+                                                    int timeoutMs);
+
+}  // namespace Ostrelink::Network

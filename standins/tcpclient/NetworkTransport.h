@@ -1,0 +1,56 @@
+#pragma once
+
+#include <ostrelink/ITransport.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "ByteChannel.h"
+#include "ClientSettings.h"
+#include "Connector.h"
+#include "NetworkError.h"
+
+namespace Ostrelink::Network::Client {
+
+// The object that CreateTransportChannel hands out: one peer, any number of threads. Each command
+// runs on a connection of its own for its duration, taken from a small pool of idle ones or made
+// afresh, so replies never mix between threads. A connection that failed is dropped, and the next
+// command connects again. Replies are kept per calling thread until that thread reads them.
+class NetworkTransport : public Native::Interfaces::ITransport {
+public:
+    NetworkTransport(std::string host, unsigned short port);
+    ~NetworkTransport() override;
+    NetworkTransport(const NetworkTransport&) = delete;
+    NetworkTransport& operator=(const NetworkTransport&) = delete;
+
+    int Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
+                   unsigned char runtimeVersion) override;
+    int SendCommand(unsigned char* message, int length) override;
+    int ReadResponse(unsigned char* buffer, int length) override;
+    unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
+                                     unsigned char runtimeVersion, std::string path) override;
+    unsigned char DeployRuntime(unsigned char* message, int length, std::string text,
+                                unsigned char flag) override;
+
+private:
+    std::unique_ptr<ByteChannel> takeConnection();
+    void keepConnection(std::unique_ptr<ByteChannel> connection);
+    NetworkError failure(const std::string& cause) const;
+
+    std::string m_host;
+    unsigned short m_port;
+    ClientSettings m_settings;
+    std::unique_ptr<Connector> m_connector;
+
+    std::mutex m_idleMutex;
+    std::vector<std::unique_ptr<ByteChannel>> m_idle;
+
+    std::mutex m_repliesMutex;
+    std::unordered_map<std::thread::id, std::vector<unsigned char>> m_replies;
+};
+
+}  // namespace Ostrelink::Network::Client
