@@ -66,6 +66,9 @@ private:
     std::map<std::string, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
     std::shared_ptr<Interfaces::ITransport> m_transportChannel;
     std::map<std::thread::id, std::shared_ptr<Interfaces::ITransport>> m_threadChannels;
+
+protected:
+    // The side of a call this transmitter was made for. Routing never depends on it.
     const Definitions::RuntimeOperationMode m_operationMode;
 };
 
