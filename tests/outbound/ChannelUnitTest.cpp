@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <exception>
 #include <string>
 #include <vector>
@@ -37,10 +38,10 @@ std::string cppPath() {
 
 // A message of 24 + query bytes: header, zeros, then the query as payloadText.
 Bytes message(unsigned char target, const std::string& query, unsigned char calling = jvm) {
-    Bytes bytes(24, 0);
+    Bytes bytes(24 + query.size(), 0);
     bytes[0] = target;
     bytes[9] = calling;
-    bytes.insert(bytes.end(), query.begin(), query.end());
+    std::copy(query.begin(), query.end(), bytes.begin() + 24);
     return bytes;
 }
 

@@ -181,11 +181,9 @@ TEST(Selection, SetEmbeddedRuntimeSwitchesToTheInMemoryChannel) {
         thrownText([&] { sender->ReadResponse(buffer.data(), static_cast<int>(buffer.size())); }),
         HasSubstr("Cpp runtime: no response stored"));
 
-    const std::string path = "/opt/cpp";
-    Bytes expected{4};
-    expected.insert(expected.end(), path.begin(), path.end());
+    const std::string expected = std::string(1, '\x04') + "/opt/cpp";
     EXPECT_EQ(payloadOf(sendAndRead(sender, routedMessage(cpp, jvm, inMemory, "embedded"), cpp)),
-              expected);
+              Bytes(expected.begin(), expected.end()));
 }
 
 class InstalledChannel : public ITransport {
