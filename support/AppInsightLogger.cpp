@@ -6,28 +6,32 @@
 
 namespace Ostrelink::Native::AppInsightLogger {
 
-void* AppInsightLogger::utilsLibraryInstance = nullptr;
-AppInsightLogger::LogMessageFn AppInsightLogger::LogMessage_Fn = nullptr;
+std::atomic<void*> AppInsightLogger::utilsLibraryInstance{nullptr};
+std::atomic<AppInsightLogger::LogMessageFn> AppInsightLogger::LogMessage_Fn{nullptr};
 
 int AppInsightLogger::initialize() {
-    if (utilsLibraryInstance == nullptr) {
-        utilsLibraryInstance = LibrariesFinder::LibrariesFinder::loadUtilsLibrary(false);
-        if (utilsLibraryInstance == nullptr) {
+    void* library = utilsLibraryInstance.load(std::memory_order_acquire);
+    if (library == nullptr) {
+        library = LibrariesFinder::LibrariesFinder::loadUtilsLibrary(false);
+        if (library == nullptr) {
             return 1;
         }
+        utilsLibraryInstance.store(library, std::memory_order_release);
     }
-    if (LogMessage_Fn == nullptr) {
-        LogMessage_Fn = reinterpret_cast<LogMessageFn>(dlsym(utilsLibraryInstance, "LogMessage"));
+    if (LogMessage_Fn.load(std::memory_order_acquire) == nullptr) {
+        LogMessage_Fn.store(reinterpret_cast<LogMessageFn>(dlsym(library, "LogMessage")),
+                            std::memory_order_release);
     }
     return 0;
 }
 
 int AppInsightLogger::LogMessage(std::string first, std::string second, std::string third) {
     initialize();
-    if (LogMessage_Fn == nullptr) {
+    const LogMessageFn logMessage = LogMessage_Fn.load(std::memory_order_acquire);
+    if (logMessage == nullptr) {
         return 0;
     }
-    LogMessage_Fn(first, second, third);
+    logMessage(first, second, third);
     return 0;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace Ostrelink::Native::AppInsightLogger {
@@ -18,8 +19,9 @@ public:
 private:
     using LogMessageFn = void (*)(std::string, std::string, std::string);
 
-    static void* utilsLibraryInstance;
-    static LogMessageFn LogMessage_Fn;
+    // Filled at first need without a lock; racing threads store the same values.
+    static std::atomic<void*> utilsLibraryInstance;
+    static std::atomic<LogMessageFn> LogMessage_Fn;
 };
 
 }  // namespace Ostrelink::Native::AppInsightLogger

@@ -11,7 +11,7 @@
 
 namespace Ostrelink::Native::ConfigHandler {
 
-void* ConfigHandler::configsLibraryInstance = nullptr;
+std::atomic<void*> ConfigHandler::configsLibraryInstance{nullptr};
 
 namespace {
 
@@ -28,10 +28,10 @@ std::string lowered(std::string text) {
 // The common shape of every operation: look the export up by name on each call, call it, and
 // either wrap a failure into a new exception or answer a default.
 template <typename Result, typename... Args>
-Result callExport(void* library, const char* name, OnFailure onFailure, Result fallback,
-                  Args... args) {
+Result callExport(const std::atomic<void*>& library, const char* name, OnFailure onFailure,
+                  Result fallback, Args... args) {
     try {
-        void* symbol = dlsym(library, name);
+        void* symbol = dlsym(library.load(std::memory_order_acquire), name);
         if (symbol == nullptr) {
             throw OstrelinkNativeException(
                 std::string(name) + " function not found in Utils library", "Unknown");
@@ -48,8 +48,9 @@ Result callExport(void* library, const char* name, OnFailure onFailure, Result f
 }  // namespace
 
 void ConfigHandler::initializeConfigsLibrary() {
-    if (configsLibraryInstance == nullptr) {
-        configsLibraryInstance = LibrariesFinder::LibrariesFinder::loadConfigsLibrary(true);
+    if (configsLibraryInstance.load(std::memory_order_acquire) == nullptr) {
+        configsLibraryInstance.store(LibrariesFinder::LibrariesFinder::loadConfigsLibrary(true),
+                                     std::memory_order_release);
     }
 }
 
@@ -76,24 +77,32 @@ int ConfigHandler::SetWorkingDirectory(const std::string& path) {
                                         OnFailure::Wrap, 0, path.c_str());
 }
 
+int ConfigHandler::loggingLevelFromEnvironment() {
+    const char* variable = std::getenv("OSTRELINK_LOGGING_LEVEL");
+    if (variable == nullptr) {
+        return -1;
+    }
+    const std::string level = lowered(variable);
+    if (level == "off") {
+        return 0;
+    }
+    if (level == "runtimeinfo") {
+        return 1;
+    }
+    if (level == "all") {
+        return 2;
+    }
+    return -1;
+}
+
 int ConfigHandler::GetLoggingLevel() {
-    if (const char* variable = std::getenv("OSTRELINK_LOGGING_LEVEL")) {
-        const std::string level = lowered(variable);
-        if (level == "off") {
-            return 0;
-        }
-        if (level == "runtimeinfo") {
-            return 1;
-        }
-        if (level == "all") {
-            return 2;
-        }
+    if (const int fromEnvironment = loggingLevelFromEnvironment(); fromEnvironment >= 0) {
+        return fromEnvironment;
     }
     initializeConfigsLibrary();
     // An empty answer stands for a failure: both mean the default level.
-    const std::string level =
-        lowered(callExport<std::string>(configsLibraryInstance, "GetLoggingLevel",
-                                        OnFailure::Default, std::string()));
+    const std::string level = lowered(callExport<std::string>(
+        configsLibraryInstance, "GetLoggingLevel", OnFailure::Default, std::string()));
     if (level == "off") {
         return 0;
     }
@@ -105,23 +114,23 @@ int ConfigHandler::GetLoggingLevel() {
 
 std::string ConfigHandler::GetRuntimeName(const std::string& runtime, const std::string& name) {
     initializeConfigsLibrary();
-    return callExport<std::string, const char*, const char*>(
-        configsLibraryInstance, "GetRuntimeName", OnFailure::Default, {}, runtime.c_str(),
-        name.c_str());
+    return callExport<std::string, const char*, const char*>(configsLibraryInstance,
+                                                             "GetRuntimeName", OnFailure::Default,
+                                                             {}, runtime.c_str(), name.c_str());
 }
 
 std::string ConfigHandler::GetChannelType(const std::string& runtime, const std::string& name) {
     initializeConfigsLibrary();
-    return callExport<std::string, const char*, const char*>(
-        configsLibraryInstance, "GetChannelType", OnFailure::Default, {}, runtime.c_str(),
-        name.c_str());
+    return callExport<std::string, const char*, const char*>(configsLibraryInstance,
+                                                             "GetChannelType", OnFailure::Default,
+                                                             {}, runtime.c_str(), name.c_str());
 }
 
 std::string ConfigHandler::GetChannelHost(const std::string& runtime, const std::string& name) {
     initializeConfigsLibrary();
-    return callExport<std::string, const char*, const char*>(
-        configsLibraryInstance, "GetChannelHost", OnFailure::Default, {}, runtime.c_str(),
-        name.c_str());
+    return callExport<std::string, const char*, const char*>(configsLibraryInstance,
+                                                             "GetChannelHost", OnFailure::Default,
+                                                             {}, runtime.c_str(), name.c_str());
 }
 
 int ConfigHandler::GetChannelPort(const std::string& runtime, const std::string& name) {

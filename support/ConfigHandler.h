@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace Ostrelink::Native::ConfigHandler {
@@ -17,6 +18,8 @@ public:
     // OSTRELINK_LOGGING_LEVEL first ("off" 0, "runtimeinfo" 1, "all" 2), then the library; 1 by
     // default.
     static int GetLoggingLevel();
+    // The level that OSTRELINK_LOGGING_LEVEL alone gives, or -1 when it is unset or unknown.
+    static int loggingLevelFromEnvironment();
     static std::string GetRuntimeName(const std::string& runtime, const std::string& name);
     static std::string GetChannelType(const std::string& runtime, const std::string& name);
     static std::string GetChannelHost(const std::string& runtime, const std::string& name);
@@ -32,7 +35,8 @@ public:
 private:
     static void initializeConfigsLibrary();
 
-    static void* configsLibraryInstance;
+    // Threads may race on the first load; both reach the one handle the loader hands out.
+    static std::atomic<void*> configsLibraryInstance;
 };
 
 }  // namespace Ostrelink::Native::ConfigHandler

@@ -19,8 +19,10 @@ namespace Ostrelink::Native::LibrariesFinder {
 namespace {
 
 // pathToDir is taken at load; a failure there must not end the host, so it leaves the text empty
-// and the loaders then fail by path.
+// and the loaders then fail by path. Its exception must not report through the facade, whose
+// loader reads the very pathToDir being built.
 std::string thisLibraryPathOrEmpty() {
+    const OstrelinkNativeException::LoadTimeScope loadTime;
     try {
         return LibrariesFinder::getThisLibraryPath();
     } catch (...) {

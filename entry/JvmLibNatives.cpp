@@ -1,0 +1,262 @@
+// The exported settings and the Java natives of com.ostrelink.core.transmitter.TransmitterWrapper.
+// Every native but getNativeError turns a std::exception into its own failure code and leaves
+// the text for getNativeError; no C++ exception of the standard family reaches the JVM.
+
+#include <jni.h>
+
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "entry/JvmLib.h"
+#include "support/ConfigHandler.h"
+#include "support/OstrelinkNativeException.h"
+
+using Ostrelink::Native::ConfigHandler::ConfigHandler;
+using Ostrelink::Native::Interfaces::ITransmitter;
+
+namespace Ostrelink::Runtimes::Jvm::Native::Entry {
+
+// Cleared after the first pass through AtStartUp. Two threads may both run that pass, which is
+// harmless: SetOperationModeForTransmitter is idempotent.
+std::atomic<bool> firstCall{true};
+// Out-flag handed to the JVM and never read. The JVM writes it from any thread; nothing in this
+// library may start reading it.
+jboolean isCopy = JNI_TRUE;
+// Nothing here records an environment: a JNIEnv* belongs to one thread, and threads that call
+// into Java get theirs from ThreadJniEnv. GetJNIEnv therefore answers null.
+JNIEnv* javaEnv = nullptr;
+
+namespace {
+
+// The text of the last failure of a native, one for the process. A std::string written by two
+// failing threads at once would tear, so every write and read takes this lock. The text Java
+// reads may still belong to another thread's failure.
+std::mutex errorMessageMutex;
+std::string errorMessage = "Undefined error";
+
+void setErrorMessage(const char* text) {
+    const std::lock_guard<std::mutex> lock(errorMessageMutex);
+    errorMessage = text;
+}
+
+std::string readErrorMessage() {
+    const std::lock_guard<std::mutex> lock(errorMessageMutex);
+    return errorMessage;
+}
+
+constexpr jint sendCommandFailed = -2;
+constexpr jint readResponseFailed = -3;
+constexpr jint setEmbeddedRuntimeFailed = 252;  // -4 as an unsigned byte
+constexpr jint deployRuntimeFailed = 251;       // -5 as an unsigned byte
+constexpr jint setConfigSourceFailed = -6;
+constexpr jint setWorkingDirectoryFailed = -7;
+
+// The elements of a Java byte array, given back with JNI_ABORT: nothing is copied back.
+class ByteArrayElements {
+public:
+    ByteArrayElements(JNIEnv* env, jbyteArray array, jboolean* copyFlag)
+        : m_env(env), m_array(array), m_elements(env->GetByteArrayElements(array, copyFlag)) {}
+    ~ByteArrayElements() {
+        if (m_elements != nullptr) {
+            m_env->ReleaseByteArrayElements(m_array, m_elements, JNI_ABORT);
+        }
+    }
+    ByteArrayElements(const ByteArrayElements&) = delete;
+    ByteArrayElements& operator=(const ByteArrayElements&) = delete;
+
+    // Null when the JVM could not hand them out; an OutOfMemoryError is then pending.
+    unsigned char* get() const { return reinterpret_cast<unsigned char*>(m_elements); }
+
+private:
+    JNIEnv* m_env;
+    jbyteArray m_array;
+    jbyte* m_elements;
+};
+
+// The modified UTF-8 characters of a Java string, released on every exit.
+class StringChars {
+public:
+    StringChars(JNIEnv* env, jstring string, jboolean* copyFlag)
+        : m_env(env), m_string(string), m_chars(env->GetStringUTFChars(string, copyFlag)) {}
+    ~StringChars() {
+        if (m_chars != nullptr) {
+            m_env->ReleaseStringUTFChars(m_string, m_chars);
+        }
+    }
+    StringChars(const StringChars&) = delete;
+    StringChars& operator=(const StringChars&) = delete;
+
+    // Null when the JVM could not hand them out; an OutOfMemoryError is then pending.
+    const char* get() const { return m_chars; }
+
+private:
+    JNIEnv* m_env;
+    jstring m_string;
+    const char* m_chars;
+};
+
+[[noreturn]] void refuse(const std::string& text) {
+    throw OstrelinkNativeException(text, "Unknown");
+}
+
+std::string copyOf(JNIEnv* env, jstring string, jboolean* copyFlag, const char* native,
+                   const char* argument) {
+    if (string == nullptr) {
+        refuse(std::string(native) + ": the " + argument + " string is null");
+    }
+    const StringChars chars(env, string, copyFlag);
+    if (chars.get() == nullptr) {
+        refuse(std::string(native) + ": failed to get UTF chars of " + argument);
+    }
+    return chars.get();
+}
+
+ITransmitter* transmitterOrRefuse(const char* native) {
+    ITransmitter* current = GetTransmitter();
+    if (current == nullptr) {
+        refuse(std::string(native) +
+               ": no transmitter exists; call sendCommand before readResponse");
+    }
+    return current;
+}
+
+unsigned char lowByte(jint value) {
+    return static_cast<unsigned char>(value & 0xFF);
+}
+
+// Runs body; a std::exception becomes errorMessage and the failure code.
+template <typename Body>
+jint guarded(jint failureCode, Body&& body) {
+    try {
+        return std::forward<Body>(body)();
+    } catch (const std::exception& exception) {
+        setErrorMessage(exception.what());
+        return failureCode;
+    }
+}
+
+}  // namespace
+
+}  // namespace Ostrelink::Runtimes::Jvm::Native::Entry
+
+using namespace Ostrelink::Runtimes::Jvm::Native::Entry;
+
+extern "C" JNIEnv* GetJNIEnv() {
+    return javaEnv;
+}
+
+void AtStartUp() {
+    if (firstCall.load(std::memory_order_acquire)) {
+        SetOperationModeForTransmitter();
+        firstCall.store(false, std::memory_order_release);
+    }
+}
+
+int SetConfigSource(std::string source) {
+    return ConfigHandler::SetConfigSource(source);
+}
+
+int SetWorkingDirectoryPath(std::string path) {
+    return ConfigHandler::SetWorkingDirectory(path);
+}
+
+extern "C" {
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_sendCommand(
+    JNIEnv* env, jclass, jbyteArray message) {
+    return guarded(sendCommandFailed, [&]() -> jint {
+        AtStartUp();
+        if (message == nullptr) {
+            refuse("sendCommand: the message byte array is null");
+        }
+        const jsize length = env->GetArrayLength(message);
+        if (length < 1) {
+            return 0;
+        }
+        jboolean copyFlag = JNI_FALSE;
+        const ByteArrayElements elements(env, message, &copyFlag);
+        if (elements.get() == nullptr) {
+            refuse("sendCommand: failed to get byte array elements");
+        }
+        ITransmitter* current = transmitterOrRefuse("sendCommand");
+        return current->SendCommand(elements.get(), length);
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_readResponse(
+    JNIEnv* env, jclass, jbyteArray response) {
+    return guarded(readResponseFailed, [&]() -> jint {
+        if (response == nullptr) {
+            refuse("readResponse: the response byte array is null");
+        }
+        const jsize length = env->GetArrayLength(response);
+        if (length < 1) {
+            return 0;
+        }
+        ITransmitter* current = transmitterOrRefuse("readResponse");
+        // Byte 0 routes the read (the targetRuntime of the command); the rest starts as zeros,
+        // and the whole buffer goes back, so what the reply doesn't fill reads as zero in Java.
+        std::vector<unsigned char> buffer(static_cast<std::size_t>(length), 0);
+        env->GetByteArrayRegion(response, 0, 1, reinterpret_cast<jbyte*>(buffer.data()));
+        current->ReadResponse(buffer.data(), length);
+        env->SetByteArrayRegion(response, 0, length, reinterpret_cast<const jbyte*>(buffer.data()));
+        return 0;
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_setEmbeddedRuntime(
+    JNIEnv* env, jclass, jint callingRuntime, jint calledRuntime, jint runtimeVersion,
+    jstring path) {
+    return guarded(setEmbeddedRuntimeFailed, [&]() -> jint {
+        AtStartUp();
+        std::string text = copyOf(env, path, &isCopy, "setEmbeddedRuntime", "path");
+        ITransmitter* current = transmitterOrRefuse("setEmbeddedRuntime");
+        return current->SetEmbeddedRuntime(lowByte(callingRuntime), lowByte(calledRuntime),
+                                           lowByte(runtimeVersion), std::move(text));
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_deployRuntime(
+    JNIEnv* env, jclass, jbyteArray message, jstring text, jint flag) {
+    return guarded(deployRuntimeFailed, [&]() -> jint {
+        AtStartUp();
+        if (message == nullptr) {
+            refuse("deployRuntime: the message byte array is null");
+        }
+        const jsize length = env->GetArrayLength(message);
+        const ByteArrayElements elements(env, message, &isCopy);
+        if (elements.get() == nullptr) {
+            refuse("deployRuntime: failed to get byte array elements");
+        }
+        std::string copy = copyOf(env, text, &isCopy, "deployRuntime", "text");
+        ITransmitter* current = transmitterOrRefuse("deployRuntime");
+        return current->DeployRuntime(elements.get(), length, std::move(copy), lowByte(flag));
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_setConfigSource(
+    JNIEnv* env, jclass, jstring source) {
+    return guarded(setConfigSourceFailed, [&]() -> jint {
+        return ConfigHandler::SetConfigSource(
+            copyOf(env, source, nullptr, "setConfigSource", "source"));
+    });
+}
+
+JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_setWorkingDirectory(
+    JNIEnv* env, jclass, jstring path) {
+    return guarded(setWorkingDirectoryFailed, [&]() -> jint {
+        return ConfigHandler::SetWorkingDirectory(
+            copyOf(env, path, nullptr, "setWorkingDirectory", "path"));
+    });
+}
+
+JNIEXPORT jstring JNICALL
+Java_com_ostrelink_core_transmitter_TransmitterWrapper_getNativeError(JNIEnv* env, jclass) {
+    return env->NewStringUTF(readErrorMessage().c_str());
+}
+
+}  // extern "C"

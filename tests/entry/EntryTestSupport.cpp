@@ -1,0 +1,151 @@
+#include "entry/EntryTestSupport.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace EntryTest {
+
+std::string freshDirectory(const std::string& tag) {
+    const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = info != nullptr ? std::string(info->test_suite_name()) + "." + info->name()
+                                       : std::string("entry");
+    if (!tag.empty()) {
+        name += "." + tag;
+    }
+    const fs::path directory = fs::current_path() / "entry-tmp" / name;
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    return fs::canonical(directory).string();
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+    if (!file) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
+bool exists(const std::string& path) {
+    return fs::exists(path);
+}
+
+std::string todaysLogName() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    std::ostringstream name;
+    name << "_OstrelinkNativeErrorLogger_" << std::put_time(&local, "%Y-%m-%d") << ".txt";
+    return name.str();
+}
+
+std::vector<std::string> records(const std::string& logContent) {
+    static const std::regex start(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\tThread ID: [^\t\n]+\t)");
+    std::vector<std::string> found;
+    std::size_t lineBegin = 0;
+    while (lineBegin < logContent.size()) {
+        std::size_t lineEnd = logContent.find('\n', lineBegin);
+        if (lineEnd == std::string::npos) {
+            lineEnd = logContent.size();
+        }
+        const std::string line = logContent.substr(lineBegin, lineEnd - lineBegin);
+        if (std::regex_search(line, start) || found.empty()) {
+            found.push_back(line);
+        } else {
+            found.back() += "\n" + line;
+        }
+        lineBegin = lineEnd + 1;
+    }
+    return found;
+}
+
+std::string messageOf(const std::string& record) {
+    const std::size_t first = record.find('\t');
+    const std::size_t second = first == std::string::npos ? first : record.find('\t', first + 1);
+    return second == std::string::npos ? std::string() : record.substr(second + 1);
+}
+
+std::vector<std::string> lines(const std::string& content) {
+    std::vector<std::string> result;
+    std::istringstream stream(content);
+    std::string line;
+    while (std::getline(stream, line)) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+std::string copyStage(const std::string& directory, const std::vector<std::string>& leaveOut) {
+    const fs::path target = fs::path(directory) / "stage";
+    fs::copy(OSTRELINK_STAGE_DIR, target, fs::copy_options::recursive);
+    const fs::path stagedNative = fs::path(OSTRELINK_NATIVE_DIR);
+    const fs::path relative =
+        fs::relative(stagedNative.parent_path(), fs::path(OSTRELINK_STAGE_DIR));
+    const fs::path native = target / relative;
+    for (const std::string& name : leaveOut) {
+        fs::remove(native / name);
+    }
+    return native.string() + "/";
+}
+
+ChildResult runChild(const std::vector<std::string>& argv, const std::string& workingDirectory,
+                     const std::map<std::string, std::string>& environment) {
+    const std::string outPath = workingDirectory + "/child.out";
+    const std::string errPath = workingDirectory + "/child.err";
+    const pid_t child = fork();
+    if (child < 0) {
+        throw std::runtime_error("fork failed");
+    }
+    if (child == 0) {
+        const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 ||
+            chdir(workingDirectory.c_str()) != 0) {
+            _exit(126);
+        }
+        for (const auto& [name, value] : environment) {
+            if (value.empty()) {
+                unsetenv(name.c_str());
+            } else {
+                setenv(name.c_str(), value.c_str(), 1);
+            }
+        }
+        std::vector<char*> arguments;
+        for (const std::string& argument : argv) {
+            arguments.push_back(const_cast<char*>(argument.c_str()));
+        }
+        arguments.push_back(nullptr);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ChildResult result;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
+    return result;
+}
+
+}  // namespace EntryTest
