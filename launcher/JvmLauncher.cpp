@@ -17,7 +17,42 @@ using Ostrelink::Native::Definitions::healthCheckText;
 using Ostrelink::Native::Definitions::healthCheckTextLength;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 
-JvmLauncher::JvmLauncher(RuntimeOperationMode mode) : NativeLauncher(mode) {
+// The reply store is keyed by pthread_self(), and the id of a thread that has ended is handed to
+// the next new thread. So a thread drops the reply it left unread, in every launcher it stored
+// one in, when it ends.
+class JvmLauncher::ThreadReplyCleanup {
+public:
+    ThreadReplyCleanup() = default;
+    ThreadReplyCleanup(const ThreadReplyCleanup&) = delete;
+    ThreadReplyCleanup& operator=(const ThreadReplyCleanup&) = delete;
+
+    ~ThreadReplyCleanup() {
+        for (const auto& weakLink : m_links) {
+            if (const auto link = weakLink.lock()) {
+                std::lock_guard<std::mutex> lock(link->mutex);
+                if (link->launcher != nullptr) {
+                    link->launcher->DropReplyOfThread(pthread_self());
+                }
+            }
+        }
+    }
+
+    void watch(const std::shared_ptr<ReplyStoreLink>& link) {
+        const bool known =
+            std::any_of(m_links.begin(), m_links.end(),
+                        [&link](const auto& watched) { return watched.lock() == link; });
+        if (!known) {
+            m_links.push_back(link);
+        }
+    }
+
+private:
+    std::vector<std::weak_ptr<ReplyStoreLink>> m_links;
+};
+
+JvmLauncher::JvmLauncher(RuntimeOperationMode mode)
+    : NativeLauncher(mode), m_replyStoreLink(std::make_shared<ReplyStoreLink>()) {
+    m_replyStoreLink->launcher = this;
     m_responses.max_load_factor(1.0F);
     const char* debugMode = std::getenv("OSTRELINK_DEBUG_MODE");
     if (debugMode == nullptr) {
@@ -30,12 +65,33 @@ JvmLauncher::JvmLauncher(RuntimeOperationMode mode) : NativeLauncher(mode) {
     m_debugMode = value == "true";
 }
 
-// Leaves the JVM running and its library open: the process may still use both.
-JvmLauncher::~JvmLauncher() = default;
+// Leaves the JVM running, its threads attached and its library open: the process may still use
+// all of them, and a later launcher adopts the JVM.
+JvmLauncher::~JvmLauncher() {
+    std::lock_guard<std::mutex> lock(m_replyStoreLink->mutex);
+    m_replyStoreLink->launcher = nullptr;
+}
 
-void JvmLauncher::Initialize(unsigned char /*runtimeVersion*/) {}
+void JvmLauncher::Initialize(unsigned char /*runtimeVersion*/) {
+    SetJvmRuntimePath();
+    LoadJvmSharedLibraryAndExportedFunctions();
+    GetFunctionsPointers();
+    if (m_operationMode == RuntimeOperationMode::Calling) {
+        InitializeJvm();
+    }
+    if (m_debugMode) {
+        std::cout << "Jvm Launcher: Debug mode enabled. Listening on port 8988. Waiting for "
+                     "debugger to attach..."
+                  << std::endl;
+    }
+}
 
 int JvmLauncher::SendCommand(unsigned char* message, int length) {
+    if (message == nullptr || length < CommandHeader::size) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 042. Message is null or shorter than its 11-byte "
+            "header");
+    }
     const auto commandType = static_cast<CommandType>(message[CommandHeader::commandType]);
     if (commandType == CommandType::PlainCommand &&
         length >= CommandHeader::payloadTextOffset + healthCheckTextLength &&
@@ -43,15 +99,15 @@ int JvmLauncher::SendCommand(unsigned char* message, int length) {
                     healthCheckTextLength) == 0) {
         return StoreAcknowledgeReply();
     }
+    if (commandType == CommandType::LoadLibraryCommand) {
+        return HandleLoadLibraryCommand(message, length);
+    }
     return SendToJava(message, length);
 }
 
-int JvmLauncher::SendToJava(unsigned char* /*message*/, int /*length*/) {
-    throw OstrelinkNativeException("JVM Launcher: Exception code 050. JVM not initialized",
-                                   "Unknown");
-}
-
 int JvmLauncher::StoreReply(std::vector<unsigned char> reply) {
+    thread_local ThreadReplyCleanup cleanup;
+    cleanup.watch(m_replyStoreLink);
     std::lock_guard<std::mutex> lock(m_responsesMutex);
     auto& entry = m_responses[pthread_self()];
     entry = std::move(reply);
@@ -59,18 +115,28 @@ int JvmLauncher::StoreReply(std::vector<unsigned char> reply) {
 }
 
 int JvmLauncher::StoreAcknowledgeReply() {
-    return StoreReply(std::vector<unsigned char>(acknowledgeReply,
-                                                 acknowledgeReply + acknowledgeReplyLength));
+    return StoreReply(
+        std::vector<unsigned char>(acknowledgeReply, acknowledgeReply + acknowledgeReplyLength));
+}
+
+void JvmLauncher::DropReplyOfThread(pthread_t thread) {
+    std::lock_guard<std::mutex> lock(m_responsesMutex);
+    m_responses.erase(thread);
 }
 
 int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
+    if (length < 0 || (buffer == nullptr && length > 0)) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 043. Response buffer is null or its length is "
+            "negative");
+    }
     std::vector<unsigned char> reply;
     {
         std::lock_guard<std::mutex> lock(m_responsesMutex);
         const auto entry = m_responses.find(pthread_self());
         if (entry == m_responses.end()) {
-            throw OstrelinkNativeException(
-                "JVM Launcher: Exception code 041.\nError while reading response", "Unknown");
+            RaiseLauncherException(
+                "JVM Launcher: Exception code 041.\nError while reading response");
         }
         reply = std::move(entry->second);
         m_responses.erase(entry);
@@ -82,7 +148,9 @@ int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
     return 0;
 }
 
-unsigned char JvmLauncher::LoadOptimizedMethod(std::string /*method*/) { return 1; }
+unsigned char JvmLauncher::LoadOptimizedMethod(std::string /*method*/) {
+    return 1;
+}
 
 unsigned char JvmLauncher::SetPath(unsigned char /*runtimeVersion*/, std::string /*path*/) {
     return 1;
@@ -93,6 +161,6 @@ unsigned char JvmLauncher::DeployRuntime(unsigned char* /*message*/, int /*lengt
     return 1;
 }
 
-std::string JvmLauncher::GetRuntimeName() { return m_runtimeName; }
-
-std::string JvmLauncher::GetRuntimeInfo() { return {}; }
+std::string JvmLauncher::GetRuntimeName() {
+    return m_runtimeName;
+}

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -12,6 +13,12 @@
 #include "contracts/RuntimeOperationMode.h"
 #include "launcher/NativeLauncher.h"
 #include "support/OstrelinkNativeException.h"
+
+class JvmLauncher;
+
+// Body of the launch thread: creates the JVM with the launcher's arguments and translates the
+// result. Throws on failure; the thread that starts it carries the exception back to the caller.
+void createJavaVM(JvmLauncher* launcher);
 
 // The one object that knows the JVM of the process. Initialize binds the JVM library; the JVM
 // itself starts inside the first command that needs Java. Replies are kept per calling thread
@@ -33,13 +40,57 @@ public:
     std::string GetRuntimeName() override;
     std::string GetRuntimeInfo() override;
 
+    // Locating and loading the JVM library; each step leaves its result in the fields.
+    void SetJvmRuntimePath();
+    void LoadJvmSharedLibraryAndExportedFunctions();
+    void GetFunctionsPointers();
+
+    // Starting the JVM: adopt the one that runs in the process, or create one (Called only).
+    int InitializeJvm();
+    int CreateClassPath();
+    int GetReceiverClass();
+    void HandleLaunchJvmError();
+
+    int HandleLoadLibraryCommand(unsigned char* message, int length);
+    void AddToLibrariesToLoad(std::string libraryPath);
+
+    // Returns false when no Java exception is pending; otherwise describes it, clears it and
+    // throws through HandleException.
+    bool CheckAndHandleJvmException(JNIEnv* env, const std::string& code, bool clearException);
+    // Appends the runtime info to the text of exception and throws the result.
+    [[noreturn]] void HandleException(OstrelinkNativeException exception);
+
+    // Valid once the JVM is up, on the thread that started it; 0 elsewhere.
+    int GetVersion();
+    std::string GetVersionString();
+    std::string GetRuntimeInfoFromManagedRuntime();
+    std::string GetRuntimeInfoFromNativeLevel();
+
 private:
+    friend void createJavaVM(JvmLauncher* launcher);
+
     using ReplyStore = std::unordered_map<pthread_t, std::vector<unsigned char>>;
+
+    // Lets a thread that ends drop its unread reply, so that a later thread given the same id
+    // does not read it. Outlives the launcher; launcher is null once the launcher is gone.
+    struct ReplyStoreLink {
+        std::mutex mutex;
+        JvmLauncher* launcher = nullptr;
+    };
+    // One per thread that stored a reply; see JvmLauncher.cpp.
+    class ThreadReplyCleanup;
 
     // Stores reply as the calling thread's only entry, dropping an unread one; returns its size.
     int StoreReply(std::vector<unsigned char> reply);
     int StoreAcknowledgeReply();
+    void DropReplyOfThread(pthread_t thread);
     int SendToJava(unsigned char* message, int length);
+    void StartJvmOnce();
+    int CallJava(unsigned char* message, int length);
+    [[noreturn]] void RaiseLauncherException(const std::string& message);
+    // After a JNI call that returned null: prints and clears a Java exception that may be pending,
+    // so that no further JNI call (the runtime info above all) runs with one. True if one was.
+    static bool ClearPendingJavaException(JNIEnv* env);
 
     std::vector<std::string> m_librariesToLoad;
     void* m_jvmLibraryHandle = nullptr;
@@ -52,6 +103,7 @@ private:
     jsize m_createdJvmCount = 0;
     JavaVMOption* m_jvmOptions = nullptr;
     const std::string m_receiverClassName = "com/ostrelink/core/receiver/Receiver";
+    // A global reference, so that every thread may use it; taken from FindClass's local one.
     jclass m_receiverClass = nullptr;
     jmethodID m_sendCommandMethod = nullptr;
     jmethodID m_heartBeatMethod = nullptr;
@@ -70,4 +122,5 @@ private:
     JNIEnv* m_JvmEnv = nullptr;
     JavaVM* m_jvm = nullptr;
     JavaVMInitArgs m_jvmInitArgs{};
+    std::shared_ptr<ReplyStoreLink> m_replyStoreLink;
 };

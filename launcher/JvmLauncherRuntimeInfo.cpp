@@ -1,0 +1,83 @@
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "launcher/JvmLauncher.h"
+#include "launcher/ScopedLocalRef.h"
+#include "launcher/ScopedUtfChars.h"
+#include "launcher/ThreadJniEnv.h"
+
+namespace {
+// Set while this thread queries Java for its runtime info. A failure of the query is translated
+// through HandleException, which asks for the runtime info again: that inner ask gets the empty
+// managed text, so a Java method that always fails costs one pass, not an endless descent.
+thread_local bool queryingManagedRuntime = false;
+
+class QueryScope {
+public:
+    QueryScope() { queryingManagedRuntime = true; }
+    ~QueryScope() { queryingManagedRuntime = false; }
+    QueryScope(const QueryScope&) = delete;
+    QueryScope& operator=(const QueryScope&) = delete;
+};
+}  // namespace
+
+std::string JvmLauncher::GetRuntimeInfo() {
+    std::vector<std::string> libraries;
+    {
+        std::lock_guard<std::mutex> lock(m_librariesMutex);
+        libraries = m_librariesToLoad;
+    }
+    std::ostringstream text;
+    if (!libraries.empty()) {
+        text << "Loaded custom libraries:\n";
+        for (const auto& library : libraries) {
+            text << library << "\n";
+        }
+    }
+    text << "\n";
+    text << GetRuntimeInfoFromManagedRuntime();
+    text << GetRuntimeInfoFromNativeLevel();
+    return text.str();
+}
+
+// Java is asked only once a start has finished (m_jvmInitialized, which publishes the class and
+// the method): a failure in the middle of a start, on this or another thread, meets fields that
+// are half set, and gets the empty managed text.
+std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
+    if (queryingManagedRuntime || !m_jvmInitialized.load() || m_JvmEnv == nullptr ||
+        m_jvm == nullptr || m_receiverClass == nullptr || m_getRuntimeInfoMethod == nullptr) {
+        return {};
+    }
+    try {
+        const QueryScope scope;
+        const ThreadJniEnv threadEnv(m_jvm);
+        JNIEnv* env = threadEnv.m_jniEnv;
+        ScopedLocalRef<jstring> result(env, static_cast<jstring>(env->CallStaticObjectMethod(
+                                                m_receiverClass, m_getRuntimeInfoMethod)));
+        CheckAndHandleJvmException(env, "061", true);
+        if (result.get() == nullptr) {
+            return {};
+        }
+        ScopedUtfChars characters(env, result.get());
+        if (characters.get() == nullptr) {
+            ClearPendingJavaException(env);
+            result.reset();
+            RaiseLauncherException("JVM Launcher: Exception code 062. Failed to get UTF chars");
+        }
+        CheckAndHandleJvmException(env, "063", true);
+        std::string managed = characters.get();
+        characters.release();
+        CheckAndHandleJvmException(env, "064", true);
+        return managed;
+    } catch (...) {
+        return {};
+    }
+}
+
+std::string JvmLauncher::GetRuntimeInfoFromNativeLevel() {
+    std::ostringstream text;
+    text << "JVM Native Launcher Runtime Info: " << std::endl
+         << "JVM shared library search path: " << m_jvmLibraryPath;
+    return text.str();
+}

@@ -1,0 +1,206 @@
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "launcher/JvmLauncher.h"
+#include "launcher/ScopedLocalRef.h"
+#include "launcher/ThreadJniEnv.h"
+#include "support/LibrariesFinder.h"
+#include "support/Platform.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
+
+namespace {
+
+constexpr int jvmHeapMegabytes = 2048;
+
+// Clears m_jvmOptions however the start ends: the array it points to is a local of the start.
+class JvmOptionsScope {
+public:
+    JvmOptionsScope(JavaVMOption*& field, std::size_t count)
+        : m_field(field), m_options(std::make_unique<JavaVMOption[]>(count)) {
+        m_field = m_options.get();
+    }
+    ~JvmOptionsScope() { m_field = nullptr; }
+    JvmOptionsScope(const JvmOptionsScope&) = delete;
+    JvmOptionsScope& operator=(const JvmOptionsScope&) = delete;
+
+private:
+    JavaVMOption*& m_field;
+    std::unique_ptr<JavaVMOption[]> m_options;
+};
+
+}  // namespace
+
+// Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM, and it ends
+// attached: the JVM keeps a record of it, which is harmless while nobody destroys the JVM.
+void createJavaVM(JvmLauncher* launcher) {
+    launcher->m_createJvmResult = launcher->m_createJavaVM(
+        &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv), &launcher->m_jvmInitArgs);
+    launcher->HandleLaunchJvmError();
+}
+
+int JvmLauncher::InitializeJvm() {
+#if !OSTRELINK_CALLING_MODE_ADOPTS_JVM
+    if (m_operationMode == RuntimeOperationMode::Calling) {
+        std::cout << "Callback from Java not supported on MacOs" << std::endl;
+        return 0;
+    }
+#endif
+    if (m_getCreatedJavaVMs == nullptr) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 044. Initialize must run before the first command "
+            "that needs the JVM");
+    }
+    m_getCreatedJavaVMs(nullptr, 0, &m_createdJvmCount);
+    if (m_createdJvmCount >= 1) {
+        std::vector<JavaVM*> created(static_cast<std::size_t>(m_createdJvmCount), nullptr);
+        m_getCreatedJavaVMs(created.data(), static_cast<jsize>(created.size()), &m_createdJvmCount);
+        m_jvm = created[0];
+        // Stays attached; an attached thread is left as it is.
+        m_jvm->AttachCurrentThread(reinterpret_cast<void**>(&m_JvmEnv), nullptr);
+    } else if (m_operationMode == RuntimeOperationMode::Calling) {
+        // Nothing to adopt: m_jvm stays null, and commands that need Java get code 050.
+        return 0;
+    } else if (m_operationMode == RuntimeOperationMode::Called) {
+        CreateClassPath();
+        m_classPathOption = "-Djava.class.path=" + m_classPath;
+        m_libraryPathOption = "-Djava.library.path=" + m_jvmRuntimePath + "/lib" +
+                              OSTRELINK_CLASS_PATH_SEPARATOR + m_jvmRuntimePath + "/jre/lib";
+        m_jvmInitArgs.version = JNI_VERSION_1_8;
+        std::vector<std::string> debugOptions;
+        if (m_debugMode) {
+            debugOptions = {"-Xmx" + std::to_string(jvmHeapMegabytes) + "m",
+                            "-Xms" + std::to_string(jvmHeapMegabytes) + "m",
+                            "-Xdebug",
+                            "-Xrunjdwp:transport=dt_socket,address=127.0.0.1:8988,server=y,"
+                            "suspend=y",
+                            "-verbose:jni",
+                            "-Xcheck:jni"};
+        }
+        const std::size_t optionCount = 2 + debugOptions.size();
+        const JvmOptionsScope optionsScope(m_jvmOptions, optionCount);
+        m_jvmOptions[0].optionString = m_classPathOption.data();
+        m_jvmOptions[1].optionString = m_libraryPathOption.data();
+        for (std::size_t i = 0; i < debugOptions.size(); ++i) {
+            m_jvmOptions[2 + i].optionString = debugOptions[i].data();
+        }
+        m_jvmInitArgs.nOptions = static_cast<jint>(optionCount);
+        m_jvmInitArgs.options = m_jvmOptions;
+        m_jvmInitArgs.ignoreUnrecognized = JNI_FALSE;
+
+        // The JVM is created on a thread of its own, joined at once: the first thread of a
+        // process, or a host thread with a small stack, is a poor place to create a JVM. A
+        // failure raised there is carried back and rethrown here, the same exception object.
+        std::exception_ptr launchFailure;
+        std::thread launchThread([this, &launchFailure] {
+            try {
+                createJavaVM(this);
+            } catch (...) {
+                launchFailure = std::current_exception();
+            }
+        });
+        launchThread.join();
+        if (launchFailure) {
+            std::rethrow_exception(launchFailure);
+        }
+        // The launch thread's environment is no good here; take one of this thread.
+        m_JvmEnv = getJniEnvForThread(m_jvm);
+    }
+    if (m_JvmEnv == nullptr) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 020. Cannot get m_JvmEnv.\nReinstall Ostrelink package");
+    }
+    m_jniVersion = GetVersion();
+    GetReceiverClass();
+    return 0;
+}
+
+int JvmLauncher::CreateClassPath() {
+    m_classPath = LibrariesFinder::getBinariesRootPath() + "Binaries/Jvm/OstrelinkJvmRuntime.jar";
+    std::lock_guard<std::mutex> lock(m_librariesMutex);
+    for (const auto& library : m_librariesToLoad) {
+        m_classPath += OSTRELINK_CLASS_PATH_SEPARATOR + library;
+    }
+    return 0;
+}
+
+// The class is kept as a global reference: FindClass gives a local one of this thread, which
+// other threads may not use (-Xcheck:jni aborts on it). A class already bound by an earlier
+// adoption is kept, so adopting again takes no second reference.
+int JvmLauncher::GetReceiverClass() {
+    JNIEnv* env = m_JvmEnv;
+    if (env == nullptr) {
+        RaiseLauncherException("JVM Launcher: Exception code 021. \nReinstall Ostrelink package");
+    }
+    if (m_receiverClass == nullptr) {
+        const ScopedLocalRef<jclass> found(env, env->FindClass(m_receiverClassName.c_str()));
+        if (ClearPendingJavaException(env) || found.get() == nullptr) {
+            RaiseLauncherException(
+                "JVM Launcher: Exception code 022. \nReinstall Ostrelink package");
+        }
+        m_receiverClass = static_cast<jclass>(env->NewGlobalRef(found.get()));
+        if (ClearPendingJavaException(env) || m_receiverClass == nullptr) {
+            RaiseLauncherException(
+                "JVM Launcher: Exception code 022. \nReinstall Ostrelink package");
+        }
+    }
+    const struct {
+        const char* name;
+        const char* signature;
+        jmethodID& method;
+        const char* failure;
+    } methods[] = {
+        {"sendCommand", "([B)[B", m_sendCommandMethod,
+         "JVM Launcher: Exception code 024. \nReinstall Ostrelink package"},
+        {"heartBeat", "([B)[B", m_heartBeatMethod,
+         "JVM Launcher: Exception code 025. \nReinstall Ostrelink package"},
+        {"getRuntimeInfo", "()Ljava/lang/String;", m_getRuntimeInfoMethod,
+         "JVM Launcher: Exception code 026. \nReinstall Ostrelink package"},
+    };
+    for (const auto& method : methods) {
+        method.method = env->GetStaticMethodID(m_receiverClass, method.name, method.signature);
+        if (ClearPendingJavaException(env) || method.method == nullptr) {
+            RaiseLauncherException(method.failure);
+        }
+    }
+    return 0;
+}
+
+void JvmLauncher::HandleLaunchJvmError() {
+    switch (m_createJvmResult) {
+        case JNI_ERR:
+            RaiseLauncherException("JVM Launcher: Exception code 031");
+        case JNI_EDETACHED:
+            RaiseLauncherException("JVM Launcher: Exception code 032");
+        case JNI_EVERSION:
+            RaiseLauncherException("JVM Launcher: Exception code 033");
+        case JNI_ENOMEM:
+            RaiseLauncherException("JVM Launcher: Exception code 034");
+        case JNI_EEXIST:
+            RaiseLauncherException("JVM Launcher: Exception code 035");
+        case JNI_EINVAL:
+            RaiseLauncherException("JVM Launcher: Exception code 036");
+        default:
+            return;
+    }
+}
+
+int JvmLauncher::GetVersion() {
+    if (m_JvmEnv == nullptr) {
+        return 0;
+    }
+    try {
+        return m_JvmEnv->GetVersion();
+    } catch (...) {
+        return 0;
+    }
+}
+
+std::string JvmLauncher::GetVersionString() {
+    const int version = GetVersion();
+    return std::to_string((version >> 16) & 0xF) + "." + std::to_string(version & 0xF);
+}
