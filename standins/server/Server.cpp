@@ -1,0 +1,191 @@
+#include "Server.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <iostream>
+
+#include "Frame.h"
+#include "StreamError.h"
+
+namespace Ostrelink::Network::Server {
+
+namespace {
+
+void logLine(const std::string& text) {
+    std::cerr << "ostrelink-server: " << text << std::endl;
+}
+
+std::string describe(const sockaddr_in& address) {
+    char text[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &address.sin_addr, text, sizeof(text));
+    return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+std::string tlsFailure(const std::string& what, const std::string& file) {
+    return "cannot use " + what + " " + file + ": " + takeTlsErrors();
+}
+
+}  // namespace
+
+Server::Server(const ServerOptions& options, const HostedRuntime& runtime)
+    : m_options(options), m_runtime(runtime) {
+    if (options.tls()) {
+        m_tls = makeSslContext(true);
+        SSL_CTX* context = m_tls.get();
+        if (SSL_CTX_use_certificate_chain_file(context, options.tlsCert.c_str()) != 1) {
+            throw std::runtime_error(tlsFailure("the certificate", options.tlsCert));
+        }
+        if (SSL_CTX_use_PrivateKey_file(context, options.tlsKey.c_str(), SSL_FILETYPE_PEM) != 1 ||
+            SSL_CTX_check_private_key(context) != 1) {
+            throw std::runtime_error(tlsFailure("the key", options.tlsKey));
+        }
+        if (options.mutualTls()) {
+            if (SSL_CTX_load_verify_locations(context, options.tlsClientCa.c_str(), nullptr) != 1) {
+                throw std::runtime_error(tlsFailure("the client CA file", options.tlsClientCa));
+            }
+            STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(options.tlsClientCa.c_str());
+            if (names != nullptr) {
+                SSL_CTX_set_client_CA_list(context, names);
+            }
+            SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        }
+    }
+
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(options.port);
+    ::inet_pton(AF_INET, options.listenAddress.c_str(), &address.sin_addr);
+    m_listener = Socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_listener.valid()) {
+        throw std::runtime_error("cannot create a socket: " + errnoText(errno));
+    }
+    const int on = 1;
+    ::setsockopt(m_listener.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (::bind(m_listener.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
+            0 ||
+        ::listen(m_listener.fd(), SOMAXCONN) != 0) {
+        throw std::runtime_error("cannot listen on " + options.listenAddress + ":" +
+                                 std::to_string(options.port) + ": " + errnoText(errno));
+    }
+    socklen_t size = sizeof(address);
+    ::getsockname(m_listener.fd(), reinterpret_cast<sockaddr*>(&address), &size);
+    m_port = ntohs(address.sin_port);
+}
+
+Server::~Server() {
+    stopSessions();
+}
+
+std::string Server::endpoint() const {
+    return m_options.listenAddress + ":" + std::to_string(m_port);
+}
+
+void Server::run(int stopFd) {
+    for (;;) {
+        pollfd entries[2] = {{m_listener.fd(), POLLIN, 0}, {stopFd, POLLIN, 0}};
+        if (::poll(entries, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throw std::runtime_error("poll failed: " + errnoText(errno));
+        }
+        if (entries[1].revents != 0) {
+            break;
+        }
+        if (entries[0].revents != 0) {
+            accept();
+        }
+    }
+    stopSessions();
+}
+
+void Server::accept() {
+    sockaddr_in peerAddress{};
+    socklen_t size = sizeof(peerAddress);
+    Socket socket(::accept4(m_listener.fd(), reinterpret_cast<sockaddr*>(&peerAddress), &size,
+                            SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket.valid()) {
+        // The peer may have gone already, or descriptors ran out: neither stops the server.
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED && errno != EINTR) {
+            logLine("accept failed: " + errnoText(errno));
+        }
+        return;
+    }
+    const std::string peer = describe(peerAddress);
+    reapFinished();
+    if (m_sessions.size() >= static_cast<std::size_t>(m_options.maxConnections)) {
+        logLine("connection from " + peer + " closed: " + std::to_string(m_options.maxConnections) +
+                " connections are being served already");
+        return;
+    }
+    const int on = 1;
+    ::setsockopt(socket.fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    Socket shutdownHandle(::fcntl(socket.fd(), F_DUPFD_CLOEXEC, 0));
+    if (!shutdownHandle.valid()) {
+        logLine("connection from " + peer + " closed: " + errnoText(errno));
+        return;
+    }
+    Session& session = m_sessions.emplace_back();
+    session.shutdownHandle = std::move(shutdownHandle);
+    session.thread = std::thread(&Server::serve, this, std::ref(session), std::move(socket), peer);
+}
+
+void Server::serve(Session& session, Socket socket, std::string peer) {
+    try {
+        std::unique_ptr<ByteChannel> channel;
+        if (m_tls) {
+            channel = TlsChannel::accept(std::move(socket), m_tls.get(), m_options.idleTimeoutMs);
+        } else {
+            channel = std::make_unique<PlainChannel>(std::move(socket));
+        }
+        for (;;) {
+            auto request = readFrame(*channel, m_options.maxFrameBytes, m_options.idleTimeoutMs);
+            if (!request) {
+                break;
+            }
+            std::vector<unsigned char> reply = m_runtime.handle(*request);
+            if (reply.size() > m_options.maxFrameBytes) {
+                reply = m_runtime.errorReply(
+                    *request, "ostrelink-server: the reply of " + std::to_string(reply.size()) +
+                                  " bytes exceeds the frame limit of " +
+                                  std::to_string(m_options.maxFrameBytes) + " bytes");
+            }
+            writeFrame(*channel, reply.data(), reply.size(), m_options.idleTimeoutMs);
+        }
+    } catch (const std::exception& error) {
+        logLine("connection from " + peer + " closed: " + error.what());
+    }
+    session.finished = true;
+}
+
+void Server::reapFinished() {
+    for (auto it = m_sessions.begin(); it != m_sessions.end();) {
+        if (it->finished) {
+            it->thread.join();
+            it = m_sessions.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void Server::stopSessions() {
+    {
+        for (Session& session : m_sessions) {
+            session.shutdownHandle.shutdownBoth();
+        }
+    }
+    // Joined without the lock: a thread takes it on its way out.
+    for (Session& session : m_sessions) {
+        session.thread.join();
+    }
+    m_sessions.clear();
+}
+
+}  // namespace Ostrelink::Network::Server

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "HostedRuntime.h"
+#include "ServerOptions.h"
+#include "Socket.h"
+#include "TlsChannel.h"
+
+namespace Ostrelink::Network::Server {
+
+// Accepts connections and serves each on a thread of its own: read a frame, run it through the
+// hosted runtime on that same thread, write the reply frame, until the peer leaves, stalls past
+// the idle time-out or breaks the framing.
+class Server {
+public:
+    // Builds the TLS context if asked for and starts listening; throws std::runtime_error.
+    Server(const ServerOptions& options, const HostedRuntime& runtime);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // "ADDR:PORT" actually bound, the port resolved when 0 was asked for.
+    std::string endpoint() const;
+    // Serves until stopFd becomes readable, then closes every connection and joins its thread.
+    void run(int stopFd);
+
+private:
+    struct Session {
+        std::thread thread;
+        // A second descriptor of the connection, only for shutting it down from outside: the
+        // thread may close its own at any moment, and that number could be reused at once.
+        Socket shutdownHandle;
+        std::atomic<bool> finished{false};
+    };
+
+    void accept();
+    void serve(Session& session, Socket socket, std::string peer);
+    void reapFinished();
+    void stopSessions();
+
+    const ServerOptions& m_options;
+    const HostedRuntime& m_runtime;
+    SslContext m_tls;
+    Socket m_listener;
+    unsigned short m_port = 0;
+
+    // Touched only by the accepting thread; a session thread only sets its own finished flag.
+    std::list<Session> m_sessions;
+};
+
+}  // namespace Ostrelink::Network::Server
