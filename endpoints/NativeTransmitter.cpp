@@ -75,15 +75,14 @@ unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime
                                                     unsigned char calledRuntime,
                                                     unsigned char runtimeVersion,
                                                     std::string path) {
+    // Always the in-memory channel: there is no header to choose by.
     std::shared_ptr<ITransport> channel;
     {
         std::shared_ptr<ITransport> replacedCurrent;
         std::shared_ptr<ITransport> replacedOfThread;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            channel = inMemoryChannelLocked();
-            makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        channel = inMemoryChannelLocked();
+        makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
     }
     channel->Initialize(callingRuntime, calledRuntime, runtimeVersion);
     return channel->SetEmbeddedRuntime(callingRuntime, calledRuntime, runtimeVersion,

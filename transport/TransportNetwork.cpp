@@ -26,14 +26,9 @@ namespace {
 TransportNetwork::TransportNetwork(std::string host, unsigned short port, bool useTls)
     : m_host(std::move(host)), m_port(port), m_useTls(useTls) {}
 
-// Releases m_host first, then m_channel, m_tcpTlsChannel and m_tcpChannel: the client object
-// goes with its last reference, while its library stays loaded.
-TransportNetwork::~TransportNetwork() {
-    std::string().swap(m_host);
-    m_channel.reset();
-    m_tcpTlsChannel.reset();
-    m_tcpChannel.reset();
-}
+// The fields go in reverse order of declaration: m_host first, then m_channel, m_tcpTlsChannel
+// and m_tcpChannel. The client object goes with its last reference; its library stays loaded.
+TransportNetwork::~TransportNetwork() = default;
 
 int TransportNetwork::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
                                  unsigned char runtimeVersion) {
