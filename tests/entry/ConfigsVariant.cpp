@@ -1,13 +1,20 @@
-// A broken Configs library for the facade's failure rules: it has no GetLoggingLevel, no
-// GetWorkingDirectory and no SetWorkingDirectory, and its SetConfigSource throws.
+// A broken Configs library for the facade's failure rules. Of the sixteen exports it has only
+// three: SetConfigSource and GetChannelHost throw, GetProxyPort answers. GetLoggingLevel,
+// GetWorkingDirectory and the rest are missing.
 
 #include <stdexcept>
 #include <string>
 
-extern "C" __attribute__((visibility("default"))) int SetConfigSource(const char*) {
+#define VARIANT_EXPORT extern "C" __attribute__((visibility("default")))
+
+VARIANT_EXPORT int SetConfigSource(const char*) {
     throw std::runtime_error("Configs variant: source refused");
 }
 
-extern "C" __attribute__((visibility("default"))) std::string GetConfigSource() {
-    return "variant";
+VARIANT_EXPORT std::string GetChannelHost(const char*, const char*) {
+    throw std::runtime_error("Configs variant: no hosts here");
+}
+
+VARIANT_EXPORT int GetProxyPort() {
+    return 3128;
 }

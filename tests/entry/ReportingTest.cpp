@@ -260,17 +260,17 @@ TEST(Telemetry, WithoutTheUtilsLibraryFailuresAreReportedAsBefore) {
     EXPECT_FALSE(EntryTest::exists(telemetry));
 }
 
-// The Configs library of the copy lacks GetLoggingLevel, GetWorkingDirectory and
-// SetWorkingDirectory, and its SetConfigSource throws.
+// The Configs library of the copy (ConfigsVariant.cpp) lacks GetLoggingLevel,
+// GetWorkingDirectory, SetWorkingDirectory and more, and its SetConfigSource throws.
 class BrokenConfigs : public testing::Test {
 protected:
     void SetUp() override {
         m_directory = EntryTest::freshDirectory();
         m_telemetry = m_directory + "/telemetry.txt";
         setenv("OSTRELINK_TELEMETRY_FILE", m_telemetry.c_str(), 1);
-        const std::string native = EntryTest::copyStage(m_directory, {"libConfigs.so"});
-        std::filesystem::copy_file(ENTRY_CONFIGS_VARIANT, native + "libConfigs.so");
-        m_copy = std::make_unique<HostLibrary>(native + "libOstrelinkJvmRuntimeNative.so");
+        m_native = EntryTest::copyStage(m_directory, {"libConfigs.so"});
+        std::filesystem::copy_file(ENTRY_CONFIGS_VARIANT, m_native + "libConfigs.so");
+        m_copy = std::make_unique<HostLibrary>(m_native + "libOstrelinkJvmRuntimeNative.so");
         // Without GetWorkingDirectory the log goes to the current directory.
         m_logDirectory = m_directory + "/cwd";
         std::filesystem::create_directories(m_logDirectory);
@@ -290,6 +290,7 @@ protected:
     }
 
     std::string m_directory;
+    std::string m_native;
     std::string m_telemetry;
     std::string m_logDirectory;
     std::unique_ptr<HostLibrary> m_copy;
@@ -337,6 +338,33 @@ TEST_F(BrokenConfigs, OtherFailuresKeepTheirTextAndTheDefaultLevel) {
     EXPECT_THAT(err, HasSubstr(std::string(shortText) + supportText));
     EXPECT_THAT(err, HasSubstr("GetLoggingLevel function not found in Utils library"));
     EXPECT_THAT(loggedMessages(), ElementsAre(shortText));
+}
+
+// Operations with a default answer it after reporting a missing export once; those without one
+// raise the failure again, so it is reported twice. What the library itself throws is no
+// failure of this library: a default operation answers the default and reports nothing.
+TEST_F(BrokenConfigs, EachOperationFailsByItsOwnRule) {
+    std::filesystem::copy_file(ENTRY_FACADE_PROBE, m_native + "libEntryFacadeProbe.so");
+    HostLibrary probe(m_native + "libEntryFacadeProbe.so");
+
+    EXPECT_EQ(probe.get<int (*)()>("ProbeGetChannelPort")(), 0);
+    EXPECT_FALSE(probe.get<bool (*)()>("ProbeProxyExists")());
+    EXPECT_EQ(probe.get<std::string (*)()>("ProbeGetChannelHost")(), "");
+    EXPECT_EQ(probe.get<int (*)()>("ProbeGetProxyPort")(), 3128);
+    EXPECT_EQ(probe.get<int (*)()>("ProbeGetLoggingLevel")(), 1);
+    try {
+        probe.get<std::string (*)()>("ProbeGetConfigSource")();
+        FAIL() << "GetConfigSource returned";
+    } catch (const std::exception& exception) {
+        EXPECT_STREQ(exception.what(), "GetConfigSource function not found in Utils library");
+    }
+
+    EXPECT_THAT(loggedMessages(),
+                ElementsAre("GetChannelPort function not found in Utils library",
+                            "ProxyExists function not found in Utils library",
+                            "GetLoggingLevel function not found in Utils library",
+                            "GetConfigSource function not found in Utils library",
+                            "GetConfigSource function not found in Utils library"));
 }
 
 TEST(MissingConfigs, FailuresEndAndReachTheirRaiser) {

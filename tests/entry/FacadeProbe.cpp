@@ -1,0 +1,35 @@
+// Test-only library: the configuration facade compiled on its own, because most of its
+// operations have no caller that the runtime library exports. It lies in a copy of the staged
+// tree, so the facade finds that copy's libConfigs.so beside it, as in the runtime library.
+
+#include <string>
+
+#include "support/ConfigHandler.h"
+
+using Ostrelink::Native::ConfigHandler::ConfigHandler;
+
+#define PROBE_EXPORT extern "C" __attribute__((visibility("default")))
+
+PROBE_EXPORT std::string ProbeGetConfigSource() {
+    return ConfigHandler::GetConfigSource();
+}
+
+PROBE_EXPORT int ProbeGetChannelPort() {
+    return ConfigHandler::GetChannelPort("python", "main");
+}
+
+PROBE_EXPORT std::string ProbeGetChannelHost() {
+    return ConfigHandler::GetChannelHost("python", "main");
+}
+
+PROBE_EXPORT bool ProbeProxyExists() {
+    return ConfigHandler::ProxyExists();
+}
+
+PROBE_EXPORT int ProbeGetProxyPort() {
+    return ConfigHandler::GetProxyPort();
+}
+
+PROBE_EXPORT int ProbeGetLoggingLevel() {
+    return ConfigHandler::GetLoggingLevel();
+}
