@@ -55,7 +55,7 @@ int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
     }
     if (!channel) {
         throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 024. \nNo transport channel selected: "
+            "Ostrelink Native Exception: Exception code 029. \nNo transport channel selected: "
             "send a command before reading its response",
             "Unknown");
     }

@@ -120,7 +120,7 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
                                                unsigned char flag) {
     for (const DeployScope* scope = deploying; scope != nullptr; scope = scope->outer) {
         if (scope->channel == this) {
-            fail("021", "DeployRuntime loops back to the transmitter that sent it");
+            fail("028", "DeployRuntime loops back to the transmitter that sent it");
         }
     }
     const std::shared_ptr<ITransmitter> target = transmitterOf(m_calledRuntime);
@@ -207,7 +207,7 @@ void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
     }
     ITransmitter* created = reinterpret_cast<CreateTransmitterFn>(symbol)(mode);
     if (created == nullptr) {
-        reinstall("020");
+        reinstall("027");
     }
     std::atomic_store(&entry, borrowed(created));
 }

@@ -40,7 +40,7 @@ public:
     int ReadResponse(unsigned char* buffer, int length) override;
     unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
                                      unsigned char runtimeVersion, std::string path) override;
-    // Goes to the called runtime's transmitter. Throws code 021 if that transmitter sends the
+    // Goes to the called runtime's transmitter. Throws code 028 if that transmitter sends the
     // call back into this same channel on this thread, which would recurse without end.
     unsigned char DeployRuntime(unsigned char* message, int length, std::string text,
                                 unsigned char flag) override;

@@ -121,7 +121,7 @@ TEST(InMemory, DeployRuntimeBackToThisLibraryEndsTheChain) {
     EXPECT_EQ(thrownText([&] {
                   sender->DeployRuntime(message.data(), static_cast<int>(message.size()), "", 0);
               }),
-              "Ostrelink Native Exception: Exception code 021. \nDeployRuntime loops back to the "
+              "Ostrelink Native Exception: Exception code 028. \nDeployRuntime loops back to the "
               "transmitter that sent it");
     // The chain is over: the channel still serves.
     EXPECT_EQ(sendAndRead(sender, healthCheckMessage(jvm), jvm), acknowledgeBytes());
@@ -171,6 +171,15 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoring
     EXPECT_EQ(payloadOf(reply), (Bytes{1, 0xFE, 2, 0}));
 }
 
+TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
+    ITransmitter* sender =
+        createTransmitter(installedRuntime("cpp_null_transmitter"), RuntimeOperationMode::Calling);
+    Bytes message = inMemoryMessage(cpp, jvm, "hello");
+    EXPECT_EQ(
+        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
+        reinstall("027"));
+}
+
 // In the calling half every one of these failures is recorded and dropped: the sender's message
 // still reaches this library's receiver.
 class CallingHalfFailure : public testing::TestWithParam<const char*> {};
@@ -186,6 +195,6 @@ TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
 
 INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CallingHalfFailure,
                          testing::Values("cpp_without_receiver", "cpp_null_factories",
-                                         "cpp_without_transmitter"));
+                                         "cpp_without_transmitter", "cpp_null_transmitter"));
 
 }  // namespace

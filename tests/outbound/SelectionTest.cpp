@@ -165,7 +165,7 @@ TEST(Selection, ReadResponseBeforeAnySelectionIsRefused) {
     ITransmitter* sender = transmitter();
     Bytes buffer(20, cpp);
     EXPECT_EQ(thrownText([&] { sender->ReadResponse(buffer.data(), 20); }),
-              "Ostrelink Native Exception: Exception code 024. \nNo transport channel selected: "
+              "Ostrelink Native Exception: Exception code 029. \nNo transport channel selected: "
               "send a command before reading its response");
 }
 
