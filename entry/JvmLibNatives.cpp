@@ -11,11 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "contracts/CommandHeader.h"
 #include "entry/JvmLib.h"
 #include "support/ConfigHandler.h"
 #include "support/OstrelinkNativeException.h"
 
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
+using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Interfaces::ITransmitter;
 
 namespace Ostrelink::Runtimes::Jvm::Native::Entry {
@@ -228,6 +230,11 @@ JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_de
             refuse("deployRuntime: the message byte array is null");
         }
         const jsize length = env->GetArrayLength(message);
+        // The transmitter reads the routing fields without looking at the length, so a short
+        // array would be read past its end.
+        if (length < CommandHeader::size) {
+            refuse("Message byte array length is less than " + std::to_string(CommandHeader::size));
+        }
         const ByteArrayElements elements(env, message, &isCopy);
         if (elements.get() == nullptr) {
             refuse("deployRuntime: failed to get byte array elements");

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <ostrelink/IReceiver.h>
 #include <ostrelink/ITransmitter.h>
 #include <ostrelink/RuntimeFactories.h>
 
@@ -27,7 +28,9 @@
 
 using EntryTest::records;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
 using Ostrelink::Native::Interfaces::CreateTransmitterFn;
+using Ostrelink::Native::Interfaces::IReceiver;
 using Ostrelink::Native::Interfaces::ITransmitter;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -132,6 +135,33 @@ TEST(ErrorLog, RecordsOfOneDayGoToOneFileInTheRecordFormat) {
     EXPECT_EQ(EntryTest::messageOf(found[1]), multiLine);
     EXPECT_EQ(EntryTest::messageOf(found[2]), shortText);
     EXPECT_EQ(content.back(), '\n');
+}
+
+// A launcher failure is constructed once as raised and once more with the runtime info behind
+// it: two records, the second one spanning several lines.
+TEST(ErrorLog, ATranslatedFailureWritesTwoRecords) {
+    const std::string directory = EntryTest::freshDirectory();
+    Library library = staged();
+    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
+    IReceiver* receiver = HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(
+        RuntimeOperationMode::Called);
+    ASSERT_NE(receiver, nullptr);
+
+    const std::string raised = "JVM Launcher: Exception code 041.\nError while reading response";
+    std::string thrown;
+    try {
+        unsigned char buffer[17] = {};
+        receiver->ReadResponse(buffer, 17);
+        FAIL() << "ReadResponse returned";
+    } catch (const std::exception& exception) {
+        thrown = exception.what();
+    }
+    EXPECT_EQ(thrown.rfind(raised + "\nRUNTIME INFO:\n", 0), 0u) << thrown;
+
+    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(EntryTest::messageOf(found[0]), raised);
+    EXPECT_EQ(EntryTest::messageOf(found[1]), thrown);
 }
 
 TEST(ErrorLog, MissingDirectoryOrAFileGivesNoRecordAndTheFailureStillArrives) {

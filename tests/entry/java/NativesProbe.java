@@ -52,6 +52,12 @@ public final class NativesProbe {
                 "getNativeError: expected \"" + expected + "\", got \"" + actual + "\"");
     }
 
+    private static void expectErrorContains(String part) {
+        String actual = TransmitterWrapper.getNativeError();
+        check(actual.contains(part),
+                "getNativeError: expected \"..." + part + "...\", got \"" + actual + "\"");
+    }
+
     private static void expectErrorStartsWith(String prefix) {
         String actual = TransmitterWrapper.getNativeError();
         check(actual.startsWith(prefix),
@@ -92,7 +98,22 @@ public final class NativesProbe {
             case "readWithoutChannel":
                 expect(TransmitterWrapper.sendCommand(new byte[0]), 0, "sendCommand(empty)");
                 expect(TransmitterWrapper.readResponse(new byte[16]), -3, "readResponse");
-                expectErrorStartsWith("Ostrelink Native Exception: Exception code 024.");
+                expectErrorContains("No transport channel selected");
+                break;
+            case "startUpByEmbedded":
+                // Even a failing call has run AtStartUp: the transmitter exists, and a read
+                // fails for want of a channel, not of a transmitter.
+                expect(TransmitterWrapper.setEmbeddedRuntime(JVM, CPP, 0, null), 252,
+                        "setEmbeddedRuntime(null)");
+                expect(TransmitterWrapper.readResponse(new byte[16]), -3, "readResponse");
+                expectErrorContains("No transport channel selected");
+                break;
+            case "startUpByDeploy":
+                expect(TransmitterWrapper.deployRuntime(new byte[0], "text", 0), 251,
+                        "deployRuntime(empty)");
+                expectError(SHORT_TEXT);
+                expect(TransmitterWrapper.readResponse(new byte[16]), -3, "readResponse");
+                expectErrorContains("No transport channel selected");
                 break;
             case "nulls":
                 nulls();
@@ -108,6 +129,9 @@ public final class NativesProbe {
                 break;
             case "embeddedAndDeploy":
                 embeddedAndDeploy();
+                break;
+            case "callback":
+                callback();
                 break;
             case "concurrentErrors":
                 concurrentErrors(directory);
@@ -189,6 +213,20 @@ public final class NativesProbe {
         for (int i = length; i < response.length; ++i) {
             check(response[i] == 0, "byte " + i + " behind the reply is " + response[i]);
         }
+    }
+
+    // Java -> TransmitterWrapper -> in-memory channel -> this library's own receiver, which in
+    // Calling mode adopts the JVM that runs here -> Receiver.sendCommand in this same JVM.
+    private static void callback() {
+        byte[] request = message(JVM, "back into Java");
+        int length = TransmitterWrapper.sendCommand(request);
+        check(length > 0, "sendCommand(to the JVM) returned " + length + ": "
+                + (length < 0 ? TransmitterWrapper.getNativeError() : ""));
+        byte[] response = new byte[length];
+        response[0] = (byte) JVM;
+        expect(TransmitterWrapper.readResponse(response), 0, "readResponse");
+        check(Arrays.equals(response, request),
+                "reply differs from the request: " + Arrays.toString(response));
     }
 
     private static void channelFailures() {
