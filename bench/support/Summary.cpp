@@ -132,8 +132,8 @@ std::string formatNanoseconds(std::optional<double> ns) {
     if (*ns >= 1e6) {
         return fixed(*ns / 1e6, 2) + " ms";
     }
-    if (*ns >= 1e4) {
-        return fixed(*ns / 1e3, 1) + " µs";
+    if (*ns >= 1e3) {
+        return fixed(*ns / 1e3, *ns >= 1e5 ? 0 : (*ns >= 1e4 ? 1 : 2)) + " µs";
     }
     return fixed(*ns, 0) + " ns";
 }

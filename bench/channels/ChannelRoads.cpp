@@ -1,0 +1,258 @@
+// The outbound roads of the transmitter, each beside a baseline in the same process: the
+// in-memory channel against a direct call of the target runtime's receiver, and the TCP and TLS
+// channels (client library, ostrelink-server, the server's receiver) against a bare client and
+// server on loopback with the same framing.
+#include <benchmark/benchmark.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <ostrelink/RuntimeFactories.h>
+
+#include "channels/BareLoopback.h"
+#include "channels/TestCertificate.h"
+#include "common/HostLibrary.h"
+#include "common/Messages.h"
+#include "support/ChildProcess.h"
+#include "support/StagedRuntime.h"
+#include "support/Summary.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
+using Ostrelink::Native::Interfaces::CreateTransmitterFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Interfaces::ITransmitter;
+
+namespace {
+
+constexpr unsigned char cppRuntime = 8;
+constexpr unsigned char jvmRuntime = 2;
+constexpr unsigned char loopbackAddress[4] = {127, 0, 0, 1};
+
+// ostrelink-server of the staged tree on a port of its choosing; ended by its pid.
+class Server {
+public:
+    explicit Server(const TestCertificate* tls) : m_process(start(tls)) {
+        const std::string prefix = "listening on 127.0.0.1:";
+        for (;;) {
+            const std::string line = m_process.readLine(30000);
+            if (line.rfind(prefix, 0) == 0) {
+                m_port = static_cast<unsigned short>(std::stoi(line.substr(prefix.size())));
+                return;
+            }
+        }
+    }
+    unsigned short port() const { return m_port; }
+
+private:
+    static ChildProcess start(const TestCertificate* tls) {
+        std::vector<std::string> arguments{"--port", "0"};
+        if (tls != nullptr) {
+            arguments.insert(arguments.end(),
+                             {"--tls-cert", tls->certificateFile(), "--tls-key", tls->keyFile()});
+        }
+        ChildProcess::Options options;
+        options.captureStdout = true;
+        return ChildProcess(std::string(OSTRELINK_BIN_DIR) + "ostrelink-server", arguments,
+                            options);
+    }
+    ChildProcess m_process;
+    unsigned short m_port = 0;
+};
+
+struct Roads {
+    ITransmitter* transmitter = nullptr;
+    IReceiver* cppReceiver = nullptr;
+    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<Server> tcpServer;
+    std::unique_ptr<Server> tlsServer;
+    std::unique_ptr<BareLoopback> bareTcp;
+    std::unique_ptr<BareLoopback> bareTls;
+    std::string networkFailure;
+};
+
+Roads roads;
+
+template <typename Body>
+void loop(benchmark::State& state, Body&& body) {
+    try {
+        for (auto _ : state) {
+            body();
+        }
+    } catch (const std::exception& failure) {
+        state.SkipWithError(failure.what());
+    }
+}
+
+int transmit(Bytes& message, Bytes& reply) {
+    const int length =
+        roads.transmitter->SendCommand(message.data(), static_cast<int>(message.size()));
+    if (length < 0 || static_cast<std::size_t>(length) > reply.size()) {
+        throw std::runtime_error("reply of " + std::to_string(length) + " bytes does not fit");
+    }
+    // The in-memory channel reads from the runtime named in the buffer's first byte.
+    reply[0] = message[0];
+    roads.transmitter->ReadResponse(reply.data(), length);
+    return length;
+}
+
+void inMemoryOurs(benchmark::State& state) {
+    Bytes message = echoMessage(32, cppRuntime);
+    message[Ostrelink::Native::Definitions::CommandHeader::callingRuntime] = jvmRuntime;
+    Bytes reply(message.size());
+    loop(state, [&] { benchmark::DoNotOptimize(transmit(message, reply)); });
+}
+
+void inMemoryDirect(benchmark::State& state) {
+    Bytes message = echoMessage(32, cppRuntime);
+    message[Ostrelink::Native::Definitions::CommandHeader::callingRuntime] = jvmRuntime;
+    Bytes reply(message.size());
+    loop(state, [&] { benchmark::DoNotOptimize(roundTrip(*roads.cppReceiver, message, reply)); });
+}
+
+Bytes networkHealthCheck(unsigned char connectionType, unsigned short port) {
+    Bytes message = healthCheckMessage(jvmRuntime);
+    message[Ostrelink::Native::Definitions::CommandHeader::callingRuntime] = jvmRuntime;
+    setRoute(message, connectionType, loopbackAddress, port);
+    return message;
+}
+
+void networkOurs(benchmark::State& state, bool tls) {
+    if (!roads.networkFailure.empty()) {
+        state.SkipWithError(roads.networkFailure.c_str());
+        return;
+    }
+    Bytes message =
+        networkHealthCheck(tls ? 2 : 1, (tls ? roads.tlsServer : roads.tcpServer)->port());
+    Bytes reply(64);
+    loop(state, [&] { benchmark::DoNotOptimize(transmit(message, reply)); });
+}
+
+void networkBare(benchmark::State& state, bool tls) {
+    if (!roads.networkFailure.empty()) {
+        state.SkipWithError(roads.networkFailure.c_str());
+        return;
+    }
+    BareLoopback& bare = tls ? *roads.bareTls : *roads.bareTcp;
+    const Bytes message = networkHealthCheck(tls ? 2 : 1, 0);
+    Bytes reply(64);
+    loop(state, [&] {
+        benchmark::DoNotOptimize(bare.roundTrip(message.data(), static_cast<int>(message.size()),
+                                                reply.data(), static_cast<int>(reply.size())));
+    });
+}
+
+void setUpInMemory() {
+    const auto createTransmitter =
+        HostLibrary::jvmRuntime().get<CreateTransmitterFn>("CreateTransmitter");
+    roads.transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    if (roads.transmitter == nullptr) {
+        throw std::runtime_error("CreateTransmitter(0) returned null");
+    }
+    // The channel opens the stand-in by this same path, so both roads reach one receiver.
+    static HostLibrary cppLibrary(HostLibrary::stagedPath("OstrelinkCppRuntimeNative"));
+    roads.cppReceiver =
+        cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
+    roads.cppReceiver->Initialize(jvmRuntime, cppRuntime, 0);
+    Bytes message = echoMessage(32, cppRuntime);
+    message[Ostrelink::Native::Definitions::CommandHeader::callingRuntime] = jvmRuntime;
+    Bytes reply(message.size());
+    if (transmit(message, reply) != 32 || reply != message) {
+        throw std::runtime_error("the in-memory channel gave no echo");
+    }
+}
+
+// The network roads share one certificate: the server presents it, the client library and the
+// bare client trust it.
+void setUpNetwork() {
+    roads.certificate = std::make_unique<TestCertificate>();
+    setenv("OSTRELINK_TLS_CA_FILE", roads.certificate->certificateFile().c_str(), 1);
+    roads.tcpServer = std::make_unique<Server>(nullptr);
+    roads.tlsServer = std::make_unique<Server>(roads.certificate.get());
+    roads.bareTcp = std::make_unique<BareLoopback>();
+    roads.bareTls = std::make_unique<BareLoopback>(roads.certificate.get());
+    for (const bool tls : {false, true}) {
+        Bytes message =
+            networkHealthCheck(tls ? 2 : 1, (tls ? roads.tlsServer : roads.tcpServer)->port());
+        Bytes reply(64);
+        if (transmit(message, reply) != 17 ||
+            !std::equal(reply.begin(), reply.begin() + 17, acknowledgeBytes().begin())) {
+            throw std::runtime_error(std::string("the ") + (tls ? "TLS" : "TCP") +
+                                     " channel gave no acknowledgement");
+        }
+    }
+}
+
+void registerBenchmarks() {
+    benchmark::RegisterBenchmark("in_memory/ours", inMemoryOurs);
+    benchmark::RegisterBenchmark("in_memory/direct", inMemoryDirect);
+    benchmark::RegisterBenchmark("tcp/ours", networkOurs, false)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tcp/bare", networkBare, false)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tls/ours", networkOurs, true)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tls/bare", networkBare, true)->Unit(benchmark::kMicrosecond);
+}
+
+void printTable(const Summary& summary) {
+    {
+        const auto ours = summary.nanoseconds("in_memory/ours");
+        const auto direct = summary.nanoseconds("in_memory/direct");
+        std::optional<double> overhead;
+        if (ours && direct) {
+            overhead = *ours - *direct;
+        }
+        tableRow("In-memory channel, 32 B echo to the Cpp stand-in", formatNanoseconds(ours),
+                 formatNanoseconds(direct) + " (its receiver called directly)",
+                 overhead ? "+" + formatNanoseconds(overhead) : "–", "overhead ≤ 150 ns",
+                 verdict(overhead, overhead && *overhead <= 150));
+    }
+    for (const char* channel : {"tcp", "tls"}) {
+        const std::string name = channel;
+        const auto ours = summary.nanoseconds(name + "/ours");
+        const auto bare = summary.nanoseconds(name + "/bare");
+        const auto ratio = divide(ours, bare);
+        tableRow(std::string(name == "tcp" ? "TCP" : "TLS") + " channel, health check",
+                 formatNanoseconds(ours),
+                 formatNanoseconds(bare) + " (bare loopback client and server)", formatRatio(ratio),
+                 "≤ 1.3", verdict(ratio, ratio && *ratio <= 1.3));
+        const std::string failure = summary.error(name + "/ours");
+        if (!failure.empty()) {
+            std::cerr << name << "/ours failed: " << failure << std::endl;
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    initializeBenchmarks(argc, argv);
+    // A host that writes to sockets ignores SIGPIPE, as the client library expects.
+    signal(SIGPIPE, SIG_IGN);
+    try {
+        setUpInMemory();
+    } catch (const std::exception& failure) {
+        std::cerr << "Channel roads: cannot set up the in-memory channel: " << failure.what()
+                  << std::endl;
+        return 1;
+    }
+    try {
+        setUpNetwork();
+    } catch (const std::exception& failure) {
+        roads.networkFailure = failure.what();
+        std::cerr << "Channel roads: cannot set up the network channels: " << failure.what()
+                  << std::endl;
+    }
+    registerBenchmarks();
+    Summary summary;
+    benchmark::RunSpecifiedBenchmarks(&summary);
+    printTable(summary);
+    roads.bareTls.reset();
+    roads.bareTcp.reset();
+    roads.tlsServer.reset();
+    roads.tcpServer.reset();
+    return roads.networkFailure.empty() ? 0 : 1;
+}
