@@ -23,7 +23,8 @@ namespace Ostrelink::Native::Transmitter {
 // m_transportChannel and the per-thread record; it is held only while a channel is chosen,
 // never across a channel's Initialize, SendCommand or ReadResponse. ReadResponse reads from the
 // channel that served the calling thread's own last selection (m_threadChannels), so a reply is
-// never looked for on a channel that another thread picked in between. The record keeps one
+// never looked for on a channel that another thread picked in between; a thread that never
+// selected reads from the transmitter's current channel, m_transportChannel. The record keeps one
 // entry per thread id that ever sent; the system reuses the ids of ended threads, so it grows
 // with the peak number of sending threads, not with the number of messages.
 class NativeTransmitter : public Interfaces::ITransmitter {
@@ -35,6 +36,8 @@ public:
 
     int SendCommand(unsigned char* message, int length) override;
     int ReadResponse(unsigned char* buffer, int length) override;
+    // Takes ownership and makes channel current for the transmitter and the calling thread. It is
+    // destroyed once both have selected another channel.
     void SetTransportChannel(Interfaces::ITransport* channel) override;
     unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
                                      unsigned char runtimeVersion, std::string path) override;
