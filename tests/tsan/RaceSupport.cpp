@@ -1,0 +1,75 @@
+#include "tsan/RaceSupport.h"
+
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include <ostrelink/RuntimeFactories.h>
+
+#include "common/HostLibrary.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::CreateReceiverFn;
+using Ostrelink::Native::Interfaces::CreateTransmitterFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Interfaces::ITransmitter;
+
+void StartLine::arriveAndWait() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (--m_waiting == 0) {
+        m_open.notify_all();
+        return;
+    }
+    m_open.wait(lock, [this] { return m_waiting == 0; });
+}
+
+void runTogether(std::size_t count, const std::function<void(std::size_t)>& body) {
+    StartLine start(count);
+    std::vector<std::thread> threads;
+    threads.reserve(count);
+    for (std::size_t index = 0; index < count; ++index) {
+        threads.emplace_back([&start, &body, index] {
+            start.arriveAndWait();
+            body(index);
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+void quietFailures() {
+    setenv("OSTRELINK_LOGGING_LEVEL", "off", 1);
+    using SetWorkingDirectoryPathFn = int (*)(std::string);
+    HostLibrary::jvmRuntime().get<SetWorkingDirectoryPathFn>(
+        "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(
+        "/nonexistent/ostrelink-race-tests");
+}
+
+std::string taggedPayload(std::size_t thread, std::size_t sequence) {
+    return "thread " + std::to_string(thread) + " message " + std::to_string(sequence);
+}
+
+Bytes sendAndRead(IReceiver* receiver, Bytes message) {
+    const int length = receiver->SendCommand(message.data(), static_cast<int>(message.size()));
+    Bytes reply(static_cast<std::size_t>(length), 0);
+    receiver->ReadResponse(reply.data(), length);
+    return reply;
+}
+
+Bytes sendAndRead(ITransmitter* transmitter, Bytes message) {
+    const int length = transmitter->SendCommand(message.data(), static_cast<int>(message.size()));
+    Bytes reply(static_cast<std::size_t>(length > 0 ? length : 1), 0);
+    reply[0] = message[0];
+    transmitter->ReadResponse(reply.data(), length);
+    reply.resize(static_cast<std::size_t>(length));
+    return reply;
+}
+
+IReceiver* createReceiver(RuntimeOperationMode mode) {
+    return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
+}
+
+ITransmitter* createTransmitter(RuntimeOperationMode mode) {
+    return HostLibrary::jvmRuntime().get<CreateTransmitterFn>("CreateTransmitter")(mode);
+}

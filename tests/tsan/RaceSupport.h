@@ -1,0 +1,45 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include <ostrelink/IReceiver.h>
+#include <ostrelink/ITransmitter.h>
+#include <ostrelink/RuntimeOperationMode.h>
+
+#include "common/Messages.h"
+
+// Lets a group of threads leave together, so that their first calls meet.
+class StartLine {
+public:
+    explicit StartLine(std::size_t runners) : m_waiting(runners) {}
+    void arriveAndWait();
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_open;
+    std::size_t m_waiting;
+};
+
+// Runs body(index) on count threads that start at once, and joins them.
+void runTogether(std::size_t count, const std::function<void(std::size_t)>& body);
+
+// Failures of the library write no record (their log directory doesn't exist) and no line, so
+// that hundreds of expected failures cost no 50 ms pause each.
+void quietFailures();
+
+// A payload that names its thread and sequence number, so that a reply that went astray shows.
+std::string taggedPayload(std::size_t thread, std::size_t sequence);
+
+// Sends message and reads the whole reply on this thread. For a transmitter, the buffer's first
+// byte carries the runtime to read from, as the Java side puts it there.
+Bytes sendAndRead(Ostrelink::Native::Interfaces::IReceiver* receiver, Bytes message);
+Bytes sendAndRead(Ostrelink::Native::Interfaces::ITransmitter* transmitter, Bytes message);
+
+Ostrelink::Native::Interfaces::IReceiver* createReceiver(
+    Ostrelink::Native::Definitions::RuntimeOperationMode mode);
+Ostrelink::Native::Interfaces::ITransmitter* createTransmitter(
+    Ostrelink::Native::Definitions::RuntimeOperationMode mode);

@@ -1,0 +1,200 @@
+// Races on the roads that need no JVM. Under ThreadSanitizer a data race fails the test process;
+// in any build the assertions check that no answer goes to the wrong thread.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <functional>
+
+#include <ostrelink/RuntimeFactories.h>
+
+#include "common/HostLibrary.h"
+#include "tsan/RaceSupport.h"
+
+using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Interfaces::GetReceiverFn;
+using Ostrelink::Native::Interfaces::GetTransmitterFn;
+using Ostrelink::Native::Interfaces::IReceiver;
+using Ostrelink::Native::Interfaces::ITransmitter;
+
+namespace {
+
+constexpr unsigned char jvmRuntime = 2;
+constexpr unsigned char cppRuntime = 8;
+constexpr unsigned char missingRuntime = 5;
+
+bool throwsWith(const std::function<void()>& call, const std::string& text) {
+    try {
+        call();
+    } catch (const std::exception& exception) {
+        return std::string(exception.what()).find(text) != std::string::npos;
+    }
+    return false;
+}
+
+// A directory with two jars, removed at the end of the test.
+class JarDirectory {
+public:
+    JarDirectory() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "race-jars-XXXXXX").string();
+        m_path = mkdtemp(pattern.data());
+        for (const char* name : {"a.jar", "b.jar"}) {
+            std::ofstream(m_path / name) << "PK";
+        }
+    }
+    ~JarDirectory() { std::filesystem::remove_all(m_path); }
+    JarDirectory(const JarDirectory&) = delete;
+    JarDirectory& operator=(const JarDirectory&) = delete;
+    std::string file(const char* name) const { return (m_path / name).string(); }
+    std::string path() const { return m_path.string(); }
+
+private:
+    std::filesystem::path m_path;
+};
+
+TEST(CreatorRace, CreatorsMeetingOnAFreshProcessAgreeOnOneReceiverAndOneTransmitter) {
+    constexpr std::size_t threads = 12;
+    std::vector<IReceiver*> receivers(threads, nullptr);
+    std::vector<ITransmitter*> transmitters(threads, nullptr);
+    auto& library = HostLibrary::jvmRuntime();
+    const auto setMode = library.get<int (*)()>("_Z30SetOperationModeForTransmitterv");
+    const auto getTransmitter = library.get<GetTransmitterFn>("GetTransmitter");
+    runTogether(threads, [&](std::size_t index) {
+        switch (index % 3) {
+            case 0:
+                receivers[index] = createReceiver(RuntimeOperationMode::Called);
+                break;
+            case 1:
+                transmitters[index] = createTransmitter(RuntimeOperationMode::Calling);
+                break;
+            default:
+                EXPECT_EQ(setMode(), 0);
+                transmitters[index] = getTransmitter();
+                break;
+        }
+    });
+    IReceiver* receiver = library.get<GetReceiverFn>("GetReceiver")();
+    ITransmitter* transmitter = getTransmitter();
+    ASSERT_NE(receiver, nullptr);
+    ASSERT_NE(transmitter, nullptr);
+    for (std::size_t index = 0; index < threads; ++index) {
+        if (index % 3 == 0) {
+            EXPECT_EQ(receivers[index], receiver) << "thread " << index;
+        } else {
+            EXPECT_EQ(transmitters[index], transmitter) << "thread " << index;
+        }
+    }
+    EXPECT_EQ(sendAndRead(receiver, healthCheckMessage()), acknowledgeBytes());
+}
+
+TEST(ReplyStoreRace, HealthChecksLoadLibrariesAndEmptyReadsOnManyThreadsEachGetTheirOwnAnswer) {
+    quietFailures();
+    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
+    const JarDirectory jars;
+    std::atomic<int> wrong{0};
+    runTogether(8, [&](std::size_t thread) {
+        for (std::size_t sequence = 0; sequence < 2000; ++sequence) {
+            Bytes message =
+                sequence % 5 == 0
+                    ? makeMessage(jvmRuntime, 1, thread % 2 == 0 ? jars.path() : jars.file("a.jar"))
+                    : healthCheckMessage();
+            if (sendAndRead(receiver, message) != acknowledgeBytes()) {
+                ++wrong;
+            }
+            if (sequence % 40 == 0) {
+                // Two answers stored, one read: the second read finds nothing.
+                message = healthCheckMessage();
+                receiver->SendCommand(message.data(), static_cast<int>(message.size()));
+                if (sendAndRead(receiver, message) != acknowledgeBytes()) {
+                    ++wrong;
+                }
+                Bytes buffer(17, 0);
+                if (!throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041")) {
+                    ++wrong;
+                }
+            }
+        }
+    });
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(ReplyStoreRace, RepliesLeftUnreadByEndedThreadsAreNotReadByTheirSuccessors) {
+    quietFailures();
+    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
+    std::atomic<int> stale{0};
+    // Thread ids of ended threads are handed out again: a new thread must not find the reply
+    // that an earlier holder of its id left behind.
+    for (int wave = 0; wave < 25; ++wave) {
+        runTogether(6, [&](std::size_t) {
+            Bytes buffer(17, 0);
+            if (!throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041")) {
+                ++stale;
+            }
+            Bytes message = healthCheckMessage();
+            receiver->SendCommand(message.data(), static_cast<int>(message.size()));
+        });
+    }
+    EXPECT_EQ(stale.load(), 0);
+}
+
+TEST(TransmitterRace, ConcurrentSendersInMemoryEachReadTheirOwnReplies) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<int> wrong{0};
+    runTogether(8, [&](std::size_t thread) {
+        for (std::size_t sequence = 0; sequence < 1000; ++sequence) {
+            // Echoed by the Cpp stand-in, or answered natively by this library's own receiver.
+            const Bytes message = sequence % 3 == 0
+                                      ? healthCheckMessage(jvmRuntime)
+                                      : makeMessage(cppRuntime, 0, taggedPayload(thread, sequence));
+            const Bytes expected = sequence % 3 == 0 ? acknowledgeBytes() : message;
+            if (sendAndRead(transmitter, message) != expected) {
+                ++wrong;
+            }
+        }
+    });
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(InMemoryChannelRace, FirstMessagesMeetingOnAFreshChannelInitializeTheRuntimeOnce) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<int> wrong{0};
+    runTogether(16, [&](std::size_t thread) {
+        const Bytes message = makeMessage(cppRuntime, 0, taggedPayload(thread, 0));
+        if (sendAndRead(transmitter, message) != message) {
+            ++wrong;
+        }
+    });
+    EXPECT_EQ(wrong.load(), 0);
+    // The stand-in counts the Initialize calls its receiver got; the channel made it once.
+    const Bytes runtimes = sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"));
+    ASSERT_EQ(runtimes.size(), 15U);
+    EXPECT_EQ(runtimes[11], cppRuntime);  // calling
+    EXPECT_EQ(runtimes[12], cppRuntime);  // called
+    EXPECT_EQ(runtimes[14], 1);
+}
+
+TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChannelStaysUsable) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<int> unclear{0};
+    runTogether(16, [&](std::size_t thread) {
+        Bytes message = makeMessage(missingRuntime, 0, taggedPayload(thread, 0));
+        if (!throwsWith([&] { sendAndRead(transmitter, message); }, "Cannot load")) {
+            ++unclear;
+        }
+    });
+    EXPECT_EQ(unclear.load(), 0);
+    const Bytes message = makeMessage(cppRuntime, 0, "after");
+    EXPECT_EQ(sendAndRead(transmitter, message), message);
+}
+
+}  // namespace
