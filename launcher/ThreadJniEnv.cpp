@@ -1,7 +1,5 @@
 #include "launcher/ThreadJniEnv.h"
 
-#include <pthread.h>
-
 #include <iostream>
 #include <string>
 
@@ -11,8 +9,9 @@ std::unique_ptr<ThreadJniEnv> threadJniEnv;
 
 namespace {
 
-// Thread that filled threadJniEnv; meaningful only while the slot holds an object.
-pthread_t threadJniEnvOwner;
+// True on the thread that filled threadJniEnv. Thread-local rather than a thread id: the id of
+// a thread that has ended is handed to the next new thread, which must not get the old env.
+thread_local bool ownsThreadJniEnv = false;
 
 [[noreturn]] void printAndThrow(const std::string& text) {
     std::cout << text << std::endl;
@@ -57,11 +56,11 @@ ThreadJniEnv::~ThreadJniEnv() {
 JNIEnv* getJniEnvForThread(JavaVM* jvm) {
     if (threadJniEnv == nullptr) {
         auto env = std::make_unique<ThreadJniEnv>(jvm);
-        threadJniEnvOwner = pthread_self();
+        ownsThreadJniEnv = true;
         threadJniEnv = std::move(env);
         return threadJniEnv->m_jniEnv;
     }
-    if (pthread_equal(threadJniEnvOwner, pthread_self()) != 0) {
+    if (ownsThreadJniEnv) {
         return threadJniEnv->m_jniEnv;
     }
     // Ends with its thread and detaches it then, if it was the one that attached it.

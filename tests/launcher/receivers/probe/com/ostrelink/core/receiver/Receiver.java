@@ -1,12 +1,26 @@
 package com.ostrelink.core.receiver;
 
+import java.lang.management.ManagementFactory;
+import java.nio.charset.StandardCharsets;
 import java.util.Arrays;
 
-/** Test receiver: echoes, marks heart beats, and reports the JVM's class path. */
+/**
+ * Test receiver: echoes, marks heart beats, reports the JVM's class path as its runtime info, and
+ * answers the command "jvm-arguments" with the options the JVM was started with, one a line.
+ */
 public final class Receiver {
+    private static final int PAYLOAD_OFFSET = 24;
+    private static final byte[] JVM_ARGUMENTS = "jvm-arguments".getBytes(StandardCharsets.UTF_8);
+
     private Receiver() {}
 
     public static byte[] sendCommand(byte[] message) {
+        byte[] payload = Arrays.copyOfRange(message, Math.min(PAYLOAD_OFFSET, message.length),
+                message.length);
+        if (Arrays.equals(payload, JVM_ARGUMENTS)) {
+            return String.join("\n", ManagementFactory.getRuntimeMXBean().getInputArguments())
+                    .getBytes(StandardCharsets.UTF_8);
+        }
         return message;
     }
 
