@@ -161,6 +161,9 @@ void Server::serve(Session& session, Socket socket, std::string peer) {
     } catch (const std::exception& error) {
         logLine("connection from " + peer + " closed: " + error.what());
     }
+    // The session's second descriptor keeps the connection open until the session is reaped,
+    // so closing the stream's own is not enough to let the peer know.
+    session.shutdownHandle.shutdownBoth();
     session.finished = true;
 }
 
