@@ -16,6 +16,20 @@ namespace {
 // which are closed after use.
 constexpr std::size_t maxIdleConnections = 8;
 
+// A server that refuses a connection, for instance a TLS server that wants a client
+// certificate, says why before it closes; a send that failed since can still read that.
+std::string closingReason(ByteChannel& connection) {
+    try {
+        unsigned char byte = 0;
+        connection.readSome(&byte, 1, 100);
+    } catch (const StreamError& error) {
+        if (error.failure() == StreamFailure::Tls) {
+            return std::string(" (") + error.what() + ")";
+        }
+    }
+    return {};
+}
+
 }  // namespace
 
 NetworkTransport::NetworkTransport(std::string host, unsigned short port)
@@ -80,7 +94,8 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
         writeFrame(*connection, message, static_cast<std::size_t>(length),
                    m_settings.readTimeoutMs);
     } catch (const StreamError& error) {
-        throw failure(std::string("cannot send the command: ") + error.what());
+        throw failure(std::string("cannot send the command: ") + error.what() +
+                      closingReason(*connection));
     }
     std::vector<unsigned char> reply;
     try {
