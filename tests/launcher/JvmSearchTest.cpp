@@ -152,4 +152,32 @@ TEST_F(JvmSearch, ALibraryWithoutTheInvocationFunctionsGives003) {
     EXPECT_EQ(searchPath(), copy.libraryPath());
 }
 
+// The configuration is asked first; a path from it ends the search, and neither variable is
+// looked at.
+TEST_F(JvmSearch, AConfiguredPathWinsOverBothVariables) {
+    const std::string configured = fakeJdk(jdkCandidate);
+    const std::string source = jdk.path() + "/ostrelink.conf";
+    std::ofstream(source) << "jvm.default.runtimePath = " << configured << "\n";
+    ASSERT_EQ(receiver->SetConfigSource(source), 0);
+    setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", realJvmLibrary());
+    setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
+    const std::string printed = initialize();
+    EXPECT_THAT(printed, HasSubstr("Looking for JVM runtime in path: " + configured + "\n"));
+    EXPECT_THAT(printed, Not(HasSubstr(variableLine)));
+    EXPECT_EQ(searchPath(), configured + jdkCandidate);
+}
+
+// Without the configuration library the search goes on with the variables. (A Calling receiver,
+// because a Called one asks the configuration for its logging level after the launcher is done.)
+TEST(JvmSearchWithoutConfiguration, AMissingConfigurationLibraryIsNoFailure) {
+    const InstallationCopy copy(testJar("probe"));
+    ASSERT_TRUE(fs::remove(fs::path(copy.libraryPath()).parent_path() / "libConfigs.so"));
+    unsetenv("OSTRELINK_JVM_RUNTIME_PATH");
+    setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
+    IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Calling);
+    EXPECT_EQ(receiver->Initialize(2, 8, 0), 0);
+    EXPECT_THAT(runtimeInfo(receiver),
+                EndsWith("JVM shared library search path: " + realJvmLibrary()));
+}
+
 }  // namespace
