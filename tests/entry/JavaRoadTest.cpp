@@ -32,8 +32,8 @@ ChildResult runProbe(const std::string& probeCase, const std::string& argument,
     if (std::string(ENTRY_JAVA_PRELOAD).empty()) {
         environment.emplace("LD_PRELOAD", "");
     } else {
-        // A sanitizer build: its runtime has to come first in `java`, and the JVM's own
-        // allocations live until exit, so leak checking and the SEGV handler stay off.
+        // A sanitizer build: its runtime has to come first in `java`. The launcher keeps its
+        // own allocations until exit, so leaks are checked in the native hosts, not here.
         environment.emplace("LD_PRELOAD", ENTRY_JAVA_PRELOAD);
         environment.emplace("ASAN_OPTIONS",
                             "handle_segv=0:allow_user_segv_handler=1:detect_leaks=0");
