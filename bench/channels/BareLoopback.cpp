@@ -101,20 +101,49 @@ void BareLoopback::Stream::writeAll(const unsigned char* data, std::size_t size)
     }
 }
 
+void BareLoopback::setUpTls(const TestCertificate& tls) {
+    m_serverContext.reset(SSL_CTX_new(TLS_server_method()));
+    m_clientContext.reset(SSL_CTX_new(TLS_client_method()));
+    if (!m_serverContext || !m_clientContext ||
+        SSL_CTX_use_certificate_chain_file(m_serverContext.get(), tls.certificateFile().c_str()) !=
+            1 ||
+        SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls.keyFile().c_str(),
+                                    SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_load_verify_locations(m_clientContext.get(), tls.certificateFile().c_str(),
+                                      nullptr) != 1) {
+        throw std::runtime_error("bare loopback: cannot set up TLS");
+    }
+    SSL_CTX_set_verify(m_clientContext.get(), SSL_VERIFY_PEER, nullptr);
+}
+
+void BareLoopback::connectClient(unsigned short port) {
+    m_client.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    if (m_client.fd < 0 ||
+        connect(m_client.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        fail("connect");
+    }
+    noDelay(m_client.fd);
+    if (m_clientContext) {
+        m_client.ssl.reset(SSL_new(m_clientContext.get()));
+        SSL_set_fd(m_client.ssl.get(), m_client.fd);
+        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(m_client.ssl.get()), "127.0.0.1");
+    }
+}
+
+void BareLoopback::handshake() {
+    if (m_client.ssl && SSL_connect(m_client.ssl.get()) != 1) {
+        m_client = Stream();
+        if (m_server.joinable()) {
+            m_server.join();
+        }
+        throw std::runtime_error("bare loopback: TLS handshake failed");
+    }
+}
+
 BareLoopback::BareLoopback(const TestCertificate* tls) {
     if (tls != nullptr) {
-        m_serverContext.reset(SSL_CTX_new(TLS_server_method()));
-        m_clientContext.reset(SSL_CTX_new(TLS_client_method()));
-        if (!m_serverContext || !m_clientContext ||
-            SSL_CTX_use_certificate_chain_file(m_serverContext.get(),
-                                               tls->certificateFile().c_str()) != 1 ||
-            SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls->keyFile().c_str(),
-                                        SSL_FILETYPE_PEM) != 1 ||
-            SSL_CTX_load_verify_locations(m_clientContext.get(), tls->certificateFile().c_str(),
-                                          nullptr) != 1) {
-            throw std::runtime_error("bare loopback: cannot set up TLS");
-        }
-        SSL_CTX_set_verify(m_clientContext.get(), SSL_VERIFY_PEER, nullptr);
+        setUpTls(*tls);
     }
     m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = loopback(0);
@@ -125,15 +154,7 @@ BareLoopback::BareLoopback(const TestCertificate* tls) {
         getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
         fail("listen");
     }
-    const unsigned short port = ntohs(address.sin_port);
-
-    m_client.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    address = loopback(port);
-    if (m_client.fd < 0 ||
-        connect(m_client.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        fail("connect");
-    }
-    noDelay(m_client.fd);
+    connectClient(ntohs(address.sin_port));
     Stream accepted;
     accepted.fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (accepted.fd < 0) {
@@ -143,17 +164,18 @@ BareLoopback::BareLoopback(const TestCertificate* tls) {
     if (tls != nullptr) {
         accepted.ssl.reset(SSL_new(m_serverContext.get()));
         SSL_set_fd(accepted.ssl.get(), accepted.fd);
-        m_client.ssl.reset(SSL_new(m_clientContext.get()));
-        SSL_set_fd(m_client.ssl.get(), m_client.fd);
-        X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(m_client.ssl.get()), "127.0.0.1");
     }
     // The server side shakes hands on its own thread while this one does the client's part.
     m_server = std::thread(&BareLoopback::serve, this, std::move(accepted));
-    if (tls != nullptr && SSL_connect(m_client.ssl.get()) != 1) {
-        m_client = Stream();
-        m_server.join();
-        throw std::runtime_error("bare loopback: TLS handshake failed");
+    handshake();
+}
+
+BareLoopback::BareLoopback(unsigned short serverPort, const TestCertificate* tls) {
+    if (tls != nullptr) {
+        setUpTls(*tls);
     }
+    connectClient(serverPort);
+    handshake();
 }
 
 BareLoopback::~BareLoopback() {
@@ -162,7 +184,9 @@ BareLoopback::~BareLoopback() {
     if (m_server.joinable()) {
         m_server.join();
     }
-    close(m_listener);
+    if (m_listener >= 0) {
+        close(m_listener);
+    }
 }
 
 void BareLoopback::serve(Stream stream) {

@@ -16,6 +16,8 @@
 class BareLoopback {
 public:
     explicit BareLoopback(const TestCertificate* tls = nullptr);
+    // Only the bare client, connected to a server that runs elsewhere on 127.0.0.1.
+    BareLoopback(unsigned short serverPort, const TestCertificate* tls);
     ~BareLoopback();
     BareLoopback(const BareLoopback&) = delete;
     BareLoopback& operator=(const BareLoopback&) = delete;
@@ -43,6 +45,9 @@ public:
     };
 
 private:
+    void setUpTls(const TestCertificate& tls);
+    void connectClient(unsigned short port);
+    void handshake();
     void serve(Stream stream);
 
     std::unique_ptr<SSL_CTX, ContextDeleter> m_serverContext;

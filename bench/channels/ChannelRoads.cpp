@@ -51,7 +51,8 @@ public:
 
 private:
     static ChildProcess start(const TestCertificate* tls) {
-        std::vector<std::string> arguments{"--port", "0"};
+        // Connections of the bare client sit idle while other benchmarks run.
+        std::vector<std::string> arguments{"--port", "0", "--idle-timeout-ms", "3600000"};
         if (tls != nullptr) {
             arguments.insert(arguments.end(),
                              {"--tls-cert", tls->certificateFile(), "--tls-key", tls->keyFile()});
@@ -73,6 +74,8 @@ struct Roads {
     std::unique_ptr<Server> tlsServer;
     std::unique_ptr<BareLoopback> bareTcp;
     std::unique_ptr<BareLoopback> bareTls;
+    std::unique_ptr<BareLoopback> bareClientTcp;
+    std::unique_ptr<BareLoopback> bareClientTls;
     std::string networkFailure;
 };
 
@@ -133,12 +136,13 @@ void networkOurs(benchmark::State& state, bool tls) {
     loop(state, [&] { benchmark::DoNotOptimize(transmit(message, reply)); });
 }
 
-void networkBare(benchmark::State& state, bool tls) {
+void networkBare(benchmark::State& state, bool tls, bool toServer) {
     if (!roads.networkFailure.empty()) {
         state.SkipWithError(roads.networkFailure.c_str());
         return;
     }
-    BareLoopback& bare = tls ? *roads.bareTls : *roads.bareTcp;
+    BareLoopback& bare = toServer ? (tls ? *roads.bareClientTls : *roads.bareClientTcp)
+                                  : (tls ? *roads.bareTls : *roads.bareTcp);
     const Bytes message = networkHealthCheck(tls ? 2 : 1, 0);
     Bytes reply(64);
     loop(state, [&] {
@@ -176,6 +180,9 @@ void setUpNetwork() {
     roads.tlsServer = std::make_unique<Server>(roads.certificate.get());
     roads.bareTcp = std::make_unique<BareLoopback>();
     roads.bareTls = std::make_unique<BareLoopback>(roads.certificate.get());
+    roads.bareClientTcp = std::make_unique<BareLoopback>(roads.tcpServer->port(), nullptr);
+    roads.bareClientTls =
+        std::make_unique<BareLoopback>(roads.tlsServer->port(), roads.certificate.get());
     for (const bool tls : {false, true}) {
         Bytes message =
             networkHealthCheck(tls ? 2 : 1, (tls ? roads.tlsServer : roads.tcpServer)->port());
@@ -192,9 +199,15 @@ void registerBenchmarks() {
     benchmark::RegisterBenchmark("in_memory/ours", inMemoryOurs);
     benchmark::RegisterBenchmark("in_memory/direct", inMemoryDirect);
     benchmark::RegisterBenchmark("tcp/ours", networkOurs, false)->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("tcp/bare", networkBare, false)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tcp/bare", networkBare, false, false)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tcp/bare_client_to_server", networkBare, false, true)
+        ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("tls/ours", networkOurs, true)->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("tls/bare", networkBare, true)->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tls/bare", networkBare, true, false)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("tls/bare_client_to_server", networkBare, true, true)
+        ->Unit(benchmark::kMicrosecond);
 }
 
 void printTable(const Summary& summary) {
@@ -214,11 +227,14 @@ void printTable(const Summary& summary) {
         const std::string name = channel;
         const auto ours = summary.nanoseconds(name + "/ours");
         const auto bare = summary.nanoseconds(name + "/bare");
+        const auto bareClient = summary.nanoseconds(name + "/bare_client_to_server");
         const auto ratio = divide(ours, bare);
         tableRow(std::string(name == "tcp" ? "TCP" : "TLS") + " channel, health check",
                  formatNanoseconds(ours),
-                 formatNanoseconds(bare) + " (bare loopback client and server)", formatRatio(ratio),
-                 "≤ 1.3", verdict(ratio, ratio && *ratio <= 1.3));
+                 formatNanoseconds(bare) +
+                     " (bare loopback client and server); bare client to ostrelink-server " +
+                     formatNanoseconds(bareClient),
+                 formatRatio(ratio), "≤ 1.3", verdict(ratio, ratio && *ratio <= 1.3));
         const std::string failure = summary.error(name + "/ours");
         if (!failure.empty()) {
             std::cerr << name << "/ours failed: " << failure << std::endl;
@@ -250,6 +266,8 @@ int main(int argc, char** argv) {
     Summary summary;
     benchmark::RunSpecifiedBenchmarks(&summary);
     printTable(summary);
+    roads.bareClientTls.reset();
+    roads.bareClientTcp.reset();
     roads.bareTls.reset();
     roads.bareTcp.reset();
     roads.tlsServer.reset();

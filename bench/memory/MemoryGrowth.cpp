@@ -1,12 +1,21 @@
 // Resident memory of a host: before the library is loaded, with the library loaded and the JVM
-// up, and along a long run of Java echo commands, so that growth after warm-up shows. A second
-// run sends from a thread the JVM has never seen, which attaches and detaches on every command.
+// up, and across a long run of Java echo commands after a warm-up, beside the same run on the
+// hand-written JNI road in the same process. A second run sends from threads the JVM has never
+// seen, which attach and detach on every command. Besides the resident size it watches the bytes
+// in use on the native heap (mallinfo2), where a leak of the library would show first.
+//
+// The Java heap is fixed (JAVA_TOOL_OPTIONS, unless the caller sets it), so that the warm-up
+// touches all of it: with the JVM's default heap of a quarter of the machine's memory, resident
+// size keeps growing for millions of commands while the collector spreads the garbage of the
+// request arrays over ever more of the heap, which says nothing about the library.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <functional>
 #include <iostream>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -19,7 +28,13 @@ using Ostrelink::Native::Interfaces::IReceiver;
 
 namespace {
 
-double residentMiB() {
+struct Footprint {
+    double residentMiB = 0;
+    double nativeHeapMiB = 0;
+};
+
+Footprint footprint() {
+    Footprint now;
     long pages = 0;
     long resident = 0;
     if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
@@ -28,72 +43,129 @@ double residentMiB() {
         }
         std::fclose(statm);
     }
-    return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) /
-           (1024.0 * 1024.0);
+    now.residentMiB = static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) /
+                      (1024.0 * 1024.0);
+    const struct mallinfo2 heap = mallinfo2();
+    now.nativeHeapMiB = static_cast<double>(heap.uordblks + heap.hblkhd) / (1024.0 * 1024.0);
+    return now;
 }
 
-std::string mib(double value) {
+std::string mib(double value, bool sign = false) {
     std::ostringstream text;
     text.setf(std::ios::fixed);
     text.precision(1);
+    if (sign && value >= 0) {
+        text << '+';
+    }
     text << value << " MiB";
     return text.str();
 }
 
-// Sends count commands and prints the resident size every step commands; returns it at the end.
-double sendAndWatch(IReceiver& receiver, long count, long step, const char* label) {
-    Bytes message = echoMessage(32);
-    Bytes reply(message.size());
+std::string describe(const Footprint& value) {
+    return mib(value.residentMiB) + " (native heap " + mib(value.nativeHeapMiB) + ")";
+}
+
+// Runs count commands, printing the footprint every step; returns the footprint at the end.
+Footprint run(long count, const char* label, const std::function<void()>& command) {
+    const long step = count / 5 > 0 ? count / 5 : 1;
     for (long sent = 1; sent <= count; ++sent) {
-        roundTrip(receiver, message, reply);
+        command();
         if (sent % step == 0) {
-            std::cout << label << " " << sent << " commands: " << mib(residentMiB()) << std::endl;
+            std::cout << label << ", " << sent << " commands: " << describe(footprint())
+                      << std::endl;
         }
     }
-    return residentMiB();
+    return footprint();
+}
+
+struct Growth {
+    double resident = 0;
+    double nativeHeap = 0;
+};
+
+Growth growth(const Footprint& from, const Footprint& to) {
+    return {to.residentMiB - from.residentMiB, to.nativeHeapMiB - from.nativeHeapMiB};
+}
+
+std::string describe(const Growth& value) {
+    return mib(value.resident, true) + " RSS, " + mib(value.nativeHeap, true) + " native heap";
+}
+
+constexpr double allowedGrowthMiB = 1.0;
+
+bool noGrowth(const Growth& value) {
+    return value.resident <= allowedGrowthMiB && value.nativeHeap <= allowedGrowthMiB;
 }
 
 }  // namespace
 
 int main() {
+    setenv("JAVA_TOOL_OPTIONS", "-Xms64m -Xmx64m", 0);
     const bool quick = quickMode();
-    const long warmUp = quick ? 20000 : 1000000;
-    const long measured = quick ? 20000 : 1000000;
-    const long neverSeen = quick ? 200 : 20000;
-    const double before = residentMiB();
+    const long commands = quick ? 20000 : 1000000;
+    const long neverSeen = quick ? 200 : 10000;
+    const Footprint before = footprint();
     try {
         IReceiver* receiver = calledReceiver();
         Bytes message = echoMessage(32);
         Bytes reply(message.size());
-        roundTrip(*receiver, message, reply);
-        const double jvmUp = residentMiB();
-        std::cout << "before the library: " << mib(before)
-                  << ", library loaded and JVM up: " << mib(jvmUp) << std::endl;
-        const double warm = sendAndWatch(*receiver, warmUp, warmUp / 5, "warm-up");
-        const double after = sendAndWatch(*receiver, measured, measured / 5, "measured");
-        const double growth = after - warm;
-        tableRow(
-            "Memory: RSS, library loaded and JVM up; after warm-up (" + std::to_string(warmUp) +
-                " commands); after " + std::to_string(measured) + " more",
-            mib(jvmUp) + "; " + mib(warm) + "; " + mib(after) + " (growth " + mib(growth) + ")",
-            mib(before) + " (before the library is loaded)", "–",
-            "no growth after warm-up (≤ 1 MiB)", verdict(growth, growth <= 1.0));
+        const auto ours = [&] { roundTrip(*receiver, message, reply); };
+        ours();
+        const Footprint jvmUp = footprint();
+        std::cout << "before the library: " << describe(before)
+                  << "; library loaded and JVM up: " << describe(jvmUp) << std::endl;
 
-        // Commands from a thread the JVM has never seen: one attach and detach each.
-        double threadWarm = 0;
-        double threadAfter = 0;
+        JavaVM* jvm = runningJvm();
+        const ScopedAttach attach(jvm);
+        const HandRoad hand(attach.env());
+        const auto byHand = [&] {
+            hand.call(attach.env(), message.data(), static_cast<int>(message.size()), reply.data(),
+                      static_cast<int>(reply.size()));
+        };
+
+        run(commands, "warm-up, library", ours);
+        const Footprint handStart = run(commands, "warm-up, by hand", byHand);
+        const Growth handGrowth = growth(handStart, run(commands, "measured, by hand", byHand));
+        const Footprint oursStart = footprint();
+        const Growth oursGrowth = growth(oursStart, run(commands, "measured, library", ours));
+        tableRow(
+            "Memory: host with the library loaded and the JVM up (Java heap fixed at 64 MiB); "
+            "growth over " +
+                std::to_string(commands) + " Java echo commands after a warm-up",
+            describe(jvmUp) + "; after warm-up " + mib(oursStart.residentMiB) + "; " +
+                describe(oursGrowth),
+            mib(before.residentMiB) + " before the library is loaded; hand-written road " +
+                describe(handGrowth),
+            "–", "no growth after warm-up (≤ 1 MiB)", noGrowth(oursGrowth) ? "met" : "missed");
+
+        // Each command from a thread the JVM has not seen: attach, command, detach; the same
+        // by hand on the same thread afterwards.
+        Growth threadGrowth;
+        Growth threadHandGrowth;
         std::thread sender([&] {
-            threadWarm = sendAndWatch(*receiver, neverSeen, neverSeen, "never-seen warm-up");
-            threadAfter = sendAndWatch(*receiver, neverSeen, neverSeen / 4, "never-seen");
+            Bytes ownReply(message.size());
+            const auto fromNewThread = [&] { roundTrip(*receiver, message, ownReply); };
+            const auto byHandFromNewThread = [&] {
+                const ScopedAttach attachOnce(jvm);
+                hand.call(attachOnce.env(), message.data(), static_cast<int>(message.size()),
+                          ownReply.data(), static_cast<int>(ownReply.size()));
+            };
+            run(neverSeen, "warm-up, never-seen thread, library", fromNewThread);
+            const Footprint start = footprint();
+            threadGrowth = growth(
+                start, run(neverSeen, "measured, never-seen thread, library", fromNewThread));
+            const Footprint handStartOnThread = footprint();
+            threadHandGrowth =
+                growth(handStartOnThread,
+                       run(neverSeen, "measured, never-seen thread, by hand", byHandFromNewThread));
         });
         sender.join();
-        const double threadGrowth = threadAfter - threadWarm;
-        tableRow("Memory: RSS over " + std::to_string(neverSeen) +
-                     " commands from a never-seen thread (attach and detach each), after as many "
+        tableRow("Memory: growth over " + std::to_string(neverSeen) +
+                     " commands from a never-seen thread (attach and detach each) after as many "
                      "to warm up",
-                 mib(threadWarm) + " → " + mib(threadAfter) + " (growth " + mib(threadGrowth) + ")",
-                 mib(before) + " (before the library is loaded)", "–",
-                 "no growth after warm-up (≤ 1 MiB)", verdict(threadGrowth, threadGrowth <= 1.0));
+                 describe(threadGrowth),
+                 "hand-written attach, road, detach " + describe(threadHandGrowth), "–",
+                 "no growth after warm-up (≤ 1 MiB)", noGrowth(threadGrowth) ? "met" : "missed");
     } catch (const std::exception& failure) {
         std::cerr << "Memory: " << failure.what() << std::endl;
         return 1;

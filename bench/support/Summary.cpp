@@ -98,9 +98,9 @@ void initializeBenchmarks(int& argc, char** argv) {
     static std::vector<std::string> defaults =
         quickMode()
             ? std::vector<std::string>{"--benchmark_repetitions=1", "--benchmark_min_time=0.01"}
-            : std::vector<std::string>{"--benchmark_repetitions=7",
+            : std::vector<std::string>{"--benchmark_repetitions=12",
                                        "--benchmark_enable_random_interleaving=true",
-                                       "--benchmark_min_time=0.1"};
+                                       "--benchmark_min_time=0.2"};
     static std::vector<char*> arguments;
     arguments.push_back(argv[0]);
     for (std::string& flag : defaults) {
