@@ -60,7 +60,8 @@ public:
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 
-    // Valid once the JVM is up, on the thread that started it; 0 elsewhere.
+    // 0 before the JVM is up. m_JvmEnv belongs to the thread that brought the JVM up: call these
+    // on that thread only.
     int GetVersion();
     std::string GetVersionString();
     std::string GetRuntimeInfoFromManagedRuntime();

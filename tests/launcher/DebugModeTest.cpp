@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,21 +17,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-// The options of the running JVM, as the probe receiver reports them, less the one that the
-// test environment adds through JAVA_TOOL_OPTIONS.
-std::vector<std::string> jvmOptions(IReceiver* receiver) {
-    const Bytes reply = sendAndRead(receiver, javaCommand("jvm-arguments"));
-    std::istringstream lines(std::string(reply.begin(), reply.end()));
-    std::vector<std::string> options;
-    for (std::string line; std::getline(lines, line);) {
-        options.push_back(line);
-    }
-    if (!options.empty() && options.front() == "-Xcheck:jni") {
-        options.erase(options.begin());
-    }
-    return options;
-}
 
 // Stands in for a debugger on the JDWP port: the handshake, then VirtualMachine.Resume, which
 // lets the suspended JVM go on. The connection stays open in connection until the test ends.
@@ -86,9 +70,7 @@ TEST(JvmStart, DebugModeAddsItsOptionsInOrderAndWaitsForADebugger) {
     debugger.join();
     close(connection);
     EXPECT_THAT(options,
-                ElementsAre(std::string("-Djava.library.path=") + OSTRELINK_JAVA_HOME +
-                                "/lib:" + OSTRELINK_JAVA_HOME + "/jre/lib",
-                            "-Xmx2048m", "-Xms2048m", "-Xdebug",
+                ElementsAre(libraryPathOption(), "-Xmx2048m", "-Xms2048m", "-Xdebug",
                             "-Xrunjdwp:transport=dt_socket,address=127.0.0.1:8988,server=y,"
                             "suspend=y",
                             "-verbose:jni", "-Xcheck:jni"));

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -131,4 +132,22 @@ std::string runtimeInfo(IReceiver* receiver) {
 
 void setEnvironment(const char* name, const std::string& value) {
     setenv(name, value.c_str(), 1);
+}
+
+std::vector<std::string> jvmOptions(IReceiver* receiver) {
+    const Bytes reply = sendAndRead(receiver, javaCommand("jvm-arguments"));
+    std::istringstream lines(std::string(reply.begin(), reply.end()));
+    std::vector<std::string> options;
+    for (std::string line; std::getline(lines, line);) {
+        options.push_back(line);
+    }
+    if (!options.empty() && options.front() == "-Xcheck:jni") {
+        options.erase(options.begin());
+    }
+    return options;
+}
+
+std::string libraryPathOption() {
+    return std::string("-Djava.library.path=") + OSTRELINK_JAVA_HOME +
+           "/lib:" + OSTRELINK_JAVA_HOME + "/jre/lib";
 }

@@ -72,4 +72,11 @@ Bytes loadLibraryCommand(const std::string& path);
 // a reply, made on a thread of its own so that no reply of the caller is touched.
 std::string runtimeInfo(IReceiver* receiver);
 
+// The options of the running JVM as the probe receiver reports them, less the one that the test
+// environment adds through JAVA_TOOL_OPTIONS. The JVM leaves the class path out of this list; the
+// runtime info shows it.
+std::vector<std::string> jvmOptions(IReceiver* receiver);
+// The library path option of a JVM created with JAVA_HOME of the test JDK.
+std::string libraryPathOption();
+
 void setEnvironment(const char* name, const std::string& value);

@@ -1,15 +1,8 @@
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "LauncherTesting.h"
@@ -20,27 +13,6 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
-
-// The options of the running JVM, as the probe receiver reports them, less the one that the
-// test environment adds through JAVA_TOOL_OPTIONS. The JVM leaves the class path out of this
-// list; the runtime info shows it (JavaCall, LoadLibrary tests).
-std::vector<std::string> jvmOptions(IReceiver* receiver) {
-    const Bytes reply = sendAndRead(receiver, javaCommand("jvm-arguments"));
-    std::istringstream lines(std::string(reply.begin(), reply.end()));
-    std::vector<std::string> options;
-    for (std::string line; std::getline(lines, line);) {
-        options.push_back(line);
-    }
-    if (!options.empty() && options.front() == "-Xcheck:jni") {
-        options.erase(options.begin());
-    }
-    return options;
-}
-
-std::string libraryPathOption() {
-    return std::string("-Djava.library.path=") + OSTRELINK_JAVA_HOME +
-           "/lib:" + OSTRELINK_JAVA_HOME + "/jre/lib";
-}
 
 TEST(JvmStart, ACreatedJvmGetsTheLibraryPathAndNoOtherOption) {
     const InstallationCopy copy(testJar("probe"));
