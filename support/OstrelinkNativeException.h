@@ -13,8 +13,8 @@
 // the facade's own failures are this type again. An exception constructed on a thread that is
 // already reporting another one therefore does not ask the facade: it writes its line (at the
 // level of OSTRELINK_LOGGING_LEVEL alone, 1 without it) and its telemetry event, and no record.
-// A facade that fails while an exception reports costs that exception nothing: it takes level 1
-// and logs into the process's current directory, and is the exception that reaches the raiser.
+// A facade that fails while an exception reports costs that exception nothing: the exception
+// takes level 1, logs into the process's current directory, and is still what the raiser throws.
 class OstrelinkNativeException : public std::runtime_error {
 public:
     OstrelinkNativeException(const std::string& message, std::string callingRuntimeName);

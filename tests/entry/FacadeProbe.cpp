@@ -1,10 +1,12 @@
-// Test-only library: the configuration facade compiled on its own, because most of its
-// operations have no caller that the runtime library exports. It lies in a copy of the staged
+// Test-only library: the configuration facade and the exception compiled on their own, because
+// most of the facade's operations, and the exception's copy, have no caller that the runtime
+// library exports. It lies in a copy of the staged
 // tree, so the facade finds that copy's libConfigs.so beside it, as in the runtime library.
 
 #include <string>
 
 #include "support/ConfigHandler.h"
+#include "support/OstrelinkNativeException.h"
 
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
 
@@ -32,4 +34,11 @@ PROBE_EXPORT int ProbeGetProxyPort() {
 
 PROBE_EXPORT int ProbeGetLoggingLevel() {
     return ConfigHandler::GetLoggingLevel();
+}
+
+// Reports once, then copies: the copy carries the text and reports nothing.
+PROBE_EXPORT std::string ProbeCopyOfException(const char* text) {
+    const OstrelinkNativeException original(text, "Unknown");
+    const OstrelinkNativeException copy(original);
+    return copy.what();
 }

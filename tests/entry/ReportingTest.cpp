@@ -397,6 +397,29 @@ TEST_F(BrokenConfigs, EachOperationFailsByItsOwnRule) {
                             "GetConfigSource function not found in Utils library"));
 }
 
+TEST(Exception, ACopyCarriesTheTextAndReportsNothing) {
+    const std::string directory = EntryTest::freshDirectory();
+    const std::string telemetry = directory + "/telemetry.txt";
+    setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
+    const std::string native = EntryTest::copyStage(directory);
+    std::filesystem::copy_file(ENTRY_FACADE_PROBE, native + "libEntryFacadeProbe.so");
+    HostLibrary probe(native + "libEntryFacadeProbe.so");
+    ASSERT_EQ(chdir(directory.c_str()), 0);
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(probe.get<std::string (*)(const char*)>("ProbeCopyOfException")("copied\ntext"),
+              "copied\ntext");
+    const std::string err = testing::internal::GetCapturedStderr();
+
+    EXPECT_EQ(err.find("support@"), err.rfind("support@")) << err;
+    EXPECT_THAT(err, HasSubstr("\tcopied\ntext\nIf the error persists"));
+    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(EntryTest::messageOf(found[0]), "copied\ntext");
+    EXPECT_THAT(EntryTest::lines(EntryTest::readFile(telemetry)),
+                ElementsAre("Native exception\tcopiedtext\tUnknown"));
+}
+
 TEST(MissingConfigs, FailuresEndAndReachTheirRaiser) {
     const std::string directory = EntryTest::freshDirectory();
     const std::string native = EntryTest::copyStage(directory, {"libConfigs.so"});
