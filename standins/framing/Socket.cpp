@@ -91,17 +91,17 @@ Socket Socket::connectTo(const std::string& host, unsigned short port, int timeo
     ::setsockopt(socket.fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     if (::connect(socket.fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) != 0) {
         if (errno != EINPROGRESS) {
-            throw StreamError(StreamFailure::Io, "connect failed: " + errnoText(errno));
+            throw StreamError(StreamFailure::Io, errnoText(errno));
         }
         if (!waitFor(socket.fd(), POLLOUT, timeoutMs)) {
             throw StreamError(StreamFailure::TimedOut,
-                              "connect timed out after " + std::to_string(timeoutMs) + " ms");
+                              "timed out after " + std::to_string(timeoutMs) + " ms");
         }
         int error = 0;
         socklen_t size = sizeof(error);
         ::getsockopt(socket.fd(), SOL_SOCKET, SO_ERROR, &error, &size);
         if (error != 0) {
-            throw StreamError(StreamFailure::Io, "connect failed: " + errnoText(error));
+            throw StreamError(StreamFailure::Io, errnoText(error));
         }
     }
     return socket;
