@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/HostLibrary.h"
@@ -118,25 +117,6 @@ TEST(ConfigsStandin, ABadSourceIsRefusedWholeAndChangesNothing) {
     EXPECT_EQ(get<TextFn>("GetConfigSource")(), good);
     EXPECT_EQ(get<TextFn>("GetLoggingLevel")(), "off");
     EXPECT_EQ(get<TextFn>("GetProxyHost")(), "kept");
-}
-
-TEST(ConfigsStandin, ReadersSeeOneWholeSourceWhileItIsReplaced) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string first = directory + "/first.conf";
-    const std::string second = directory + "/second.conf";
-    EntryTest::writeFile(first, "proxy.host = one\nproxy.port = 1\n");
-    EntryTest::writeFile(second, "proxy.host = two\nproxy.port = 2\n");
-    ASSERT_EQ(get<SetFn>("SetConfigSource")(first.c_str()), 0);
-    std::thread writer([&] {
-        for (int i = 0; i < 200; ++i) {
-            get<SetFn>("SetConfigSource")((i % 2 == 0 ? second : first).c_str());
-        }
-    });
-    for (int i = 0; i < 2000; ++i) {
-        const std::string host = get<TextFn>("GetProxyHost")();
-        ASSERT_TRUE(host == "one" || host == "two") << host;
-    }
-    writer.join();
 }
 
 }  // namespace

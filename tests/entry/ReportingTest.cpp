@@ -200,21 +200,6 @@ TEST(StandardError, LineCarriesTheSupportTextAndWhatDoesNot) {
     EXPECT_TRUE(std::regex_search(err, line)) << err;
 }
 
-TEST(StandardError, LevelOffSilencesTheLineButNotTheLog) {
-    const std::string directory = EntryTest::freshDirectory();
-    setenv("OSTRELINK_LOGGING_LEVEL", "OFF", 1);
-    Library library = staged();
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
-
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(library.failShort(), shortText);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-
-    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(EntryTest::messageOf(found[0]), shortText);
-}
-
 // The level from OSTRELINK_LOGGING_LEVEL and from the configuration, seen through the line on
 // standard error: level 0 writes none, 1 and 2 write one.
 TEST(StandardError, LevelFromTheVariableAndFromTheConfiguration) {
@@ -271,23 +256,6 @@ TEST(Telemetry, EveryFailureSendsItsTextWithoutLineEnds) {
     EXPECT_THAT(EntryTest::lines(EntryTest::readFile(telemetry)),
                 ElementsAre("Native exception\t" + flattened + "\tUnknown",
                             std::string("Native exception\t") + shortText + "\tUnknown"));
-}
-
-TEST(Telemetry, WithoutTheUtilsLibraryFailuresAreReportedAsBefore) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string telemetry = directory + "/telemetry.txt";
-    setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
-    const std::string native = EntryTest::copyStage(directory, {"libUtils.so"});
-    HostLibrary copy(native + "libOstrelinkJvmRuntimeNative.so");
-    Library library(copy);
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
-
-    EXPECT_EQ(library.failShort(), shortText);
-    EXPECT_EQ(library.failShort(), shortText);
-
-    EXPECT_EQ(records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName())).size(),
-              2u);
-    EXPECT_FALSE(EntryTest::exists(telemetry));
 }
 
 // The Configs library of the copy (ConfigsVariant.cpp) lacks GetLoggingLevel,
