@@ -53,14 +53,18 @@ int main(int argc, char** argv) {
 
     // A peer that vanishes must cost one connection, not the process.
     ::signal(SIGPIPE, SIG_IGN);
-    // SIGINT and SIGTERM are taken through a descriptor by the accepting loop. They are blocked
-    // before any thread exists so that every thread inherits the mask. A JVM started in this
-    // process unblocks them in its own threads and then handles them itself, ending the process.
+    // SIGINT and SIGTERM are read from a descriptor by the accepting loop, so they are blocked
+    // before any thread exists, and every thread inherits the mask. They are also set to be
+    // ignored: a JVM started later in this process then neither installs handlers of its own for
+    // them nor unblocks them in its threads, either of which would race the descriptor for the
+    // signal. A signal that is blocked is still queued, ignored or not.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    ::signal(SIGINT, SIG_IGN);
+    ::signal(SIGTERM, SIG_IGN);
     Socket stopFd(::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!stopFd.valid()) {
         return fail("cannot watch for SIGINT and SIGTERM: " + Ostrelink::Network::errnoText(errno),

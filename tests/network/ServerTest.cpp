@@ -60,6 +60,20 @@ TEST(NetworkServer, AnswersAHealthCheckThroughTheJvmRuntimeAndStopsOnSigterm) {
     EXPECT_THAT(server.standardOutput(), HasSubstr("stopped"));
 }
 
+TEST(NetworkServer, CommandsReachJavaAndTheServerStillStopsCleanly) {
+    ServerProcess server({"--port", "0"});
+    {
+        auto client = ClientLibrary::tcp().connect("127.0.0.1", server.port());
+        const Bytes message = makeMessage(2, 0, "through the JVM and back");
+        EXPECT_EQ(roundTrip(*client, message), message);
+        EXPECT_EQ(roundTrip(*client, healthCheckMessage()), acknowledgeBytes());
+    }
+    // A started JVM must not take SIGTERM over from the server.
+    const int status = server.stop();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_THAT(server.standardOutput(), HasSubstr("stopped"));
+}
+
 TEST(NetworkServer, ReceiverFailureComesBackAsAnExceptionReplyAndTheConnectionGoesOn) {
     std::vector<std::string> arguments = cppRuntime();
     arguments.insert(arguments.end(), {"--port", "0"});
