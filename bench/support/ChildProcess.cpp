@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -133,9 +134,14 @@ std::string ChildProcess::readReport() {
 
 int ChildProcess::wait() {
     if (!m_waited) {
-        while (waitpid(m_pid, &m_status, 0) < 0 && errno == EINTR) {
+        rusage usage{};
+        while (wait4(m_pid, &m_status, 0, &usage) < 0 && errno == EINTR) {
         }
         m_waited = true;
+        const auto seconds = [](const timeval& value) {
+            return static_cast<double>(value.tv_sec) + static_cast<double>(value.tv_usec) * 1e-6;
+        };
+        m_cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     }
     return m_status;
 }

@@ -27,6 +27,8 @@ public:
     std::string readReport();
     // Waits for the child to end and returns its exit status as waitpid gives it.
     int wait();
+    // User and system time of the child and all its threads; meaningful after wait().
+    double cpuSeconds() const { return m_cpuSeconds; }
     // SIGTERM to this child, then wait.
     void terminate();
 
@@ -37,4 +39,5 @@ private:
     std::string m_pending;
     bool m_waited = false;
     int m_status = 0;
+    double m_cpuSeconds = 0;
 };
