@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <iostream>
 
 #include "Frame.h"
@@ -89,7 +90,10 @@ std::string Server::endpoint() const {
 void Server::run(int stopFd) {
     for (;;) {
         pollfd entries[2] = {{m_listener.fd(), POLLIN, 0}, {stopFd, POLLIN, 0}};
-        if (::poll(entries, 2, -1) < 0) {
+        // Wakes now and then to join the threads of finished connections.
+        const int ready = ::poll(entries, 2, 1000);
+        reapFinished();
+        if (ready < 0) {
             if (errno == EINTR) {
                 continue;
             }
@@ -112,13 +116,18 @@ void Server::accept() {
                             SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.valid()) {
         // The peer may have gone already, or descriptors ran out: neither stops the server.
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ECONNABORTED && errno != EINTR) {
-            logLine("accept failed: " + errnoText(errno));
+        const int error = errno;
+        if (error != EAGAIN && error != EWOULDBLOCK && error != ECONNABORTED && error != EINTR) {
+            logLine("accept failed: " + errnoText(error));
+        }
+        // Out of descriptors, the connection stays queued and the listener readable: pause
+        // rather than spin until a connection ends.
+        if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
         return;
     }
     const std::string peer = describe(peerAddress);
-    reapFinished();
     if (m_sessions.size() >= static_cast<std::size_t>(m_options.maxConnections)) {
         logLine("connection from " + peer + " closed: " + std::to_string(m_options.maxConnections) +
                 " connections are being served already");

@@ -1,7 +1,10 @@
 // The TCP client library against peers that fail in every way a network can.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -83,6 +86,39 @@ TEST(NetworkTcpClient, RefusedPortNamesHostPortAndCause) {
     EXPECT_THAT(failureOf([&] { roundTrip(*client, message); }),
                 AllOf(StartsWith(endpoint(port)), HasSubstr("cannot connect"),
                       HasSubstr("Connection refused")));
+}
+
+TEST(NetworkTcpClient, UnansweredConnectHitsTheConnectTimeOut) {
+    ::setenv("OSTRELINK_NET_CONNECT_TIMEOUT_MS", "300", 1);
+    // A listener that never accepts: once its queue is full, the kernel drops further SYNs
+    // without an answer, as a host that has gone away would.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        const int filler = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        ::connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        fillers.push_back(filler);
+    }
+    const unsigned short port = ntohs(address.sin_port);
+    auto client = ClientLibrary::tcp().connect("127.0.0.1", port);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(
+        failureOf([&] { roundTrip(*client, healthCheckMessage()); }),
+        AllOf(StartsWith(endpoint(port)), HasSubstr("cannot connect: timed out after 300 ms")));
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(290));
+    EXPECT_LT(waited, std::chrono::seconds(3));
+    for (int filler : fillers) {
+        ::close(filler);
+    }
+    ::close(listener);
 }
 
 TEST(NetworkTcpClient, SilentServerHitsTheReadTimeOut) {
