@@ -1,0 +1,223 @@
+// ostrelink-host of the staged tree, run as a child process the way a user runs it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ToolProcess.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string targets = "com.ostrelink.tests.host.HostTargets";
+
+// The JDK's version as its release file states it, e.g. 17.0.15.
+std::string jdkVersion() {
+    std::ifstream release(std::string(HOST_JAVA_HOME) + "/release");
+    std::string line;
+    while (std::getline(release, line)) {
+        if (line.rfind("JAVA_VERSION=\"", 0) == 0) {
+            return line.substr(14, line.size() - 15);
+        }
+    }
+    return "no JAVA_VERSION in the JDK's release file";
+}
+
+// The lines of a text that begin with one of the tool's result prefixes, in order.
+std::vector<std::string> resultLines(const std::string& text) {
+    static const std::regex result("^(health|load|call|echo|info):.*");
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    std::string line;
+    while (std::getline(stream, line)) {
+        if (std::regex_match(line, result)) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+class HostTool : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "ostrelink-host-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        directory = pattern;
+    }
+
+    void TearDown() override { fs::remove_all(directory); }
+
+    ToolRun run(const std::vector<std::string>& arguments,
+                std::map<std::string, std::optional<std::string>> changes = {}) {
+        changes.emplace("JAVA_HOME", HOST_JAVA_HOME);
+        changes.emplace("OSTRELINK_JVM_RUNTIME_PATH", std::nullopt);
+        changes.emplace("OSTRELINK_DEBUG_MODE", std::nullopt);
+        changes.emplace("OSTRELINK_LOGGING_LEVEL", std::nullopt);
+        return ToolProcess::run(HOST_TOOL, arguments, changes, directory.string());
+    }
+
+    // A directory for PATH that holds only a link named java to the JDK's launcher.
+    std::string pathWithJavaLink() {
+        const fs::path bin = directory / "path";
+        fs::create_directories(bin);
+        fs::create_symlink(fs::path(HOST_JAVA_HOME) / "bin/java", bin / "java");
+        return bin.string();
+    }
+
+    fs::path directory;
+};
+
+TEST_F(HostTool, HelpNamesEveryCommandAndVariableWithoutOpeningTheLibrary) {
+    const ToolRun help = run({"--library", "/no/such/library.so", "--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* word : {"health", "load PATH", "call CLASS METHOD", "echo TEXT", "info",
+                             "--library PATH", "JAVA_HOME", "OSTRELINK_JVM_RUNTIME_PATH",
+                             "OSTRELINK_DEBUG_MODE", "OSTRELINK_LOGGING_LEVEL"}) {
+        EXPECT_THAT(help.out, HasSubstr(word));
+    }
+    EXPECT_EQ(help.err, "");
+}
+
+TEST_F(HostTool, CommandLinesThatCantRunExitWithTwoBeforeAnythingStarts) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "no command given"},
+        {{"bogus"}, "unknown command 'bogus'"},
+        {{"--frob", "health"}, "unknown option '--frob'"},
+        {{"--library"}, "--library needs the path of the runtime library"},
+        {{"health", "call", targets}, "call needs a class name and a method name"},
+        {{"load", "health"}, "load needs at least one jar file or directory"},
+        {{"echo"}, "echo needs a text"},
+    };
+    for (const auto& [arguments, text] : cases) {
+        const ToolRun refused = run(arguments);
+        EXPECT_EQ(refused.status, 2) << text;
+        EXPECT_EQ(refused.err, "ostrelink-host: " + text + "\nTry 'ostrelink-host --help'.\n");
+        EXPECT_EQ(refused.out, "");
+    }
+}
+
+TEST_F(HostTool, CommandsRunInOrderAndPrintOneResultLineEach) {
+    const ToolRun done = run({"health", "echo", "two words", "call", "java.lang.System",
+                              "getProperty", "java.version", "info"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    const std::vector<std::string> expected = {"health: ok", "echo: two words",
+                                               "call: " + jdkVersion(), "info:"};
+    EXPECT_EQ(resultLines(done.out), expected);
+    EXPECT_THAT(done.out, AllOf(HasSubstr("info:\njava.version: " + jdkVersion() + "\n"),
+                                HasSubstr("\njava.home: " HOST_JAVA_HOME "\n"),
+                                HasSubstr("/Binaries/Jvm/OstrelinkJvmRuntime.jar\n")));
+    EXPECT_EQ(done.err, "");
+}
+
+TEST_F(HostTool, LoadedJarsAreOnTheClassPathOfTheCall) {
+    const ToolRun done = run({"load", HOST_TARGETS_JAR, "call", targets, "join", "a", "b", "call",
+                              targets, "greeting", "call", targets, "join", "--", "info", "echo"});
+    ASSERT_EQ(done.status, 0) << done.err;
+    const std::vector<std::string> expected = {"load: " HOST_TARGETS_JAR, "call: a+b",
+                                               "call: hello", "call: info+echo"};
+    EXPECT_EQ(resultLines(done.out), expected);
+}
+
+TEST_F(HostTool, AJavaFailureEndsTheRunWithTheExceptionOnStandardError) {
+    const ToolRun missing = run({"health", "call", "no.such.Type", "m", "echo", "never"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(resultLines(missing.out), std::vector<std::string>{"health: ok"});
+    EXPECT_THAT(missing.err, HasSubstr("ostrelink-host: java.lang.ClassNotFoundException: "
+                                       "no.such.Type\n"));
+
+    const ToolRun thrown = run({"load", HOST_TARGETS_JAR, "call", targets, "fail", "x"});
+    EXPECT_EQ(thrown.status, 1);
+    EXPECT_THAT(thrown.err, HasSubstr("ostrelink-host: java.lang.IllegalStateException: broken "
+                                      "on purpose: x\n"));
+}
+
+TEST_F(HostTool, ALibraryFailurePrintsTheLibrarysOwnText) {
+    const ToolRun missing = run({"load", "/no/such.jar", "health"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 004. \n"
+                                       "Cannot find file: /no/such.jar\n"));
+    EXPECT_THAT(missing.out, Not(HasSubstr("health: ok")));
+}
+
+TEST_F(HostTool, AJavaHomeWithoutJvmGivesCode002) {
+    fs::create_directories(directory / "empty");
+    const ToolRun done =
+        run({"health"}, {{"JAVA_HOME", (directory / "empty").string()}, {"PATH", "/nonexistent"}});
+    EXPECT_EQ(done.status, 1);
+    EXPECT_THAT(done.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 002. \nCheck "
+                                    "JRE installation. Set JAVA_HOME to JRE or JDK root "
+                                    "directory"));
+    EXPECT_THAT(done.out, Not(HasSubstr("health: ok")));
+}
+
+TEST_F(HostTool, NoJavaHomeAndNoJavaOnPathGivesCode001) {
+    const ToolRun done = run({"health"}, {{"JAVA_HOME", std::nullopt}, {"PATH", "/nonexistent"}});
+    EXPECT_EQ(done.status, 1);
+    EXPECT_THAT(done.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 001. \nSet "
+                                    "JAVA_HOME environment variable"));
+    EXPECT_THAT(done.err, Not(HasSubstr("JAVA_HOME is not set; using")));
+}
+
+TEST_F(HostTool, WithoutJavaHomeTheJdkOfJavaOnPathIsUsedThroughItsLinks) {
+    const std::string path = pathWithJavaLink();
+    const ToolRun done = run({"call", "java.lang.System", "getProperty", "java.home"},
+                             {{"JAVA_HOME", std::nullopt}, {"PATH", path}});
+    ASSERT_EQ(done.status, 0) << done.err;
+    EXPECT_EQ(done.err, "ostrelink-host: JAVA_HOME is not set; using " HOST_JAVA_HOME
+                        ", the JDK of " +
+                            path + "/java on PATH\n");
+    EXPECT_EQ(resultLines(done.out), std::vector<std::string>{"call: " HOST_JAVA_HOME});
+}
+
+TEST_F(HostTool, ARuntimePathOfItsOwnLeavesTheSearchToTheLibrary) {
+    const std::string jvm = std::string(HOST_JAVA_HOME) + "/lib/server/libjvm.so";
+    const ToolRun done = run({"health", "call", "java.lang.System", "getProperty", "java.version"},
+                             {{"JAVA_HOME", std::nullopt},
+                              {"OSTRELINK_JVM_RUNTIME_PATH", jvm},
+                              {"PATH", pathWithJavaLink()}});
+    ASSERT_EQ(done.status, 0) << done.err;
+    EXPECT_EQ(done.err, "");
+    EXPECT_THAT(done.out,
+                HasSubstr("Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment "
+                          "variable: " +
+                          jvm + "\n"));
+}
+
+TEST_F(HostTool, LoggingOffLeavesOnlyTheResultsOnStandardOutput) {
+    const ToolRun done = run({"health", "echo", "quiet"}, {{"OSTRELINK_LOGGING_LEVEL", "off"}});
+    ASSERT_EQ(done.status, 0) << done.err;
+    EXPECT_EQ(done.out, "health: ok\necho: quiet\n");
+}
+
+TEST_F(HostTool, TheLibraryOptionOpensThatFileOrSaysWhyNot) {
+    const fs::path staged = fs::path(OSTRELINK_NATIVE_DIR) / "libOstrelinkJvmRuntimeNative.so";
+    const ToolRun named = run({"--library", staged.string(), "health"});
+    EXPECT_EQ(named.status, 0) << named.err;
+
+    const ToolRun missing = run({"--library", "/no/such/library.so", "health"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err,
+                HasSubstr("ostrelink-host: cannot open the runtime library /no/such/library.so: "));
+
+    const fs::path other = staged.parent_path() / "libConfigs.so";
+    const ToolRun wrong = run({"--library", other.string(), "health"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.err, "ostrelink-host: the runtime library " + other.string() +
+                             " does not export CreateReceiver\n");
+}
+
+}  // namespace
