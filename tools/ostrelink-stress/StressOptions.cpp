@@ -55,7 +55,7 @@ const char* StressOptions::usage() {
 
 Drives the JVM runtime library of this installation from many threads at once in one process,
 and checks that every thread reads exactly its own replies. Each thread sends a mix of commands:
-echo through Java, health checks, heartbeats, load-library commands and commands that must fail,
+echo through Java, health checks, heartbeats (acknowledged by Java), load-library commands and commands that must fail,
 through the receiver; echo to the Cpp runtime stand-in through the transmitter in memory; echo
 through Java in an ostrelink-server child over TCP on 127.0.0.1; and messages the transmitter
 must refuse. Every payload carries its thread and sequence number.

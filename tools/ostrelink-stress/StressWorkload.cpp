@@ -167,12 +167,19 @@ bool StressWorkload::send(Road road, std::size_t thread, std::size_t sequence) {
     auto* transmitter = m_targets.transmitter;
     try {
         switch (road) {
-            case Road::JavaEcho:
-            case Road::HeartBeat: {
-                const Bytes request =
-                    message(jvmRuntime, road == Road::HeartBeat ? heartBeatCommand : 0, tag);
+            case Road::JavaEcho: {
+                const Bytes request = message(jvmRuntime, 0, tag);
                 if (sendAndRead(receiver, request) != request) {
                     describe("the reply is not this thread's own echo");
+                    return false;
+                }
+                return true;
+            }
+            case Road::HeartBeat: {
+                // Java answers a heartbeat with the acknowledgement, whatever it carries.
+                if (sendAndRead(receiver, message(jvmRuntime, heartBeatCommand, tag)) !=
+                    acknowledgement()) {
+                    describe("the reply is not the acknowledgement");
                     return false;
                 }
                 return true;

@@ -15,7 +15,7 @@ namespace Ostrelink::Tools::Stress {
 enum class Road {
     JavaEcho,         // receiver, commandType 0, echoed by the Java receiver class
     HealthCheck,      // receiver, answered natively
-    HeartBeat,        // receiver, commandType 11, echoed by Java's heartBeat
+    HeartBeat,        // receiver, commandType 11, acknowledged by Java's heartBeat
     LoadLibrary,      // receiver, an existing jar: acknowledged natively
     FailingInbound,   // receiver: a missing jar (code 004) or a read with nothing stored (041)
     InMemoryEcho,     // transmitter, in memory to the Cpp runtime stand-in, which echoes

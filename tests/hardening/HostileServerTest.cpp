@@ -1,0 +1,124 @@
+// ostrelink-server against clients that misbehave in bulk: a thousand connections at once,
+// storms of random bytes, frames cut off by a reset. Through it all a well-behaved client must
+// keep getting its answers, and the server must stop cleanly afterwards. (One garbage client,
+// one stalled client, one oversize frame and the connection limit are in tests/network.)
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "NetworkTestSupport.h"
+#include "hardening/HardeningSupport.h"
+
+namespace {
+
+// Round trips of a health check and of a payload echoed by Java in the server process.
+void expectServed(ServerProcess& server, const char* when) {
+    auto client = ClientLibrary::tcp().connect("127.0.0.1", server.port());
+    EXPECT_EQ(roundTrip(*client, healthCheckMessage()), acknowledgeBytes()) << when;
+    const Bytes echo = makeMessage(2, 0, std::string("served ") + when);
+    EXPECT_EQ(roundTrip(*client, echo), echo) << when;
+}
+
+// Once Java has run in the server, the JVM's own SIGTERM handler may end it (status 143) before
+// the server's orderly stop (status 0); either way it ends by exiting, not by a crash.
+void expectStopsCleanly(ServerProcess& server) {
+    const int status = server.stop();
+    EXPECT_TRUE(WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 143))
+        << "status " << status;
+}
+
+TEST(HostileClients, AThousandConnectionsMisbehavingAtOnceDoNotStopAWellBehavedClient) {
+    raiseDescriptorLimit(4096);
+    ServerProcess server(
+        {"--port", "0", "--max-connections", "1200", "--idle-timeout-ms", "60000"});
+    expectServed(server, "before");
+
+    std::vector<RawConnection> connections;
+    connections.reserve(1000);
+    for (int index = 0; index < 1000; ++index) {
+        connections.emplace_back(connectRaw(server.port()));
+        ASSERT_TRUE(connections.back().valid()) << "connection " << index;
+    }
+    // A quarter each: silent, garbage, a frame that stops half-way, a frame longer than it says.
+    for (std::size_t index = 0; index < connections.size(); ++index) {
+        const int fd = connections[index].fd();
+        switch (index % 4) {
+            case 0:
+                break;
+            case 1:
+                sendBytes(fd, {0xDE, 0xAD, 0xBE, 0xEF, 0x00, 0x01});
+                break;
+            case 2:
+                sendBytes(fd, {0, 0, 0, 100, 1, 2, 3});
+                break;
+            default:
+                sendBytes(fd, {0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0});
+                break;
+        }
+    }
+    expectServed(server, "while a thousand connections are open");
+
+    // Half of them vanish with a reset, the rest with an orderly close.
+    for (std::size_t index = 0; index < connections.size(); ++index) {
+        if (index % 2 == 0) {
+            connections[index].reset();
+        }
+    }
+    connections.clear();
+    expectServed(server, "after the thousand connections closed");
+    expectStopsCleanly(server);
+}
+
+TEST(HostileClients, StormsOfRandomBytesAreSurvivedBetweenGoodCommands) {
+    ServerProcess server({"--port", "0", "--max-frame-bytes", "65536"});
+    std::mt19937 random(20261123);
+    for (int round = 0; round < 20; ++round) {
+        std::vector<RawConnection> storm;
+        for (int client = 0; client < 10; ++client) {
+            storm.emplace_back(connectRaw(server.port()));
+            Bytes bytes(random() % 300, 0);
+            for (auto& byte : bytes) {
+                byte = static_cast<unsigned char>(random());
+            }
+            // Now and then a plausible frame: a small length, then the bytes.
+            if (client % 3 == 0 && bytes.size() >= 4) {
+                bytes[0] = 0;
+                bytes[1] = 0;
+                bytes[2] = 0;
+                bytes[3] = static_cast<unsigned char>(bytes.size() - 4);
+            }
+            sendBytes(storm.back().fd(), bytes);
+            if (client % 2 == 0) {
+                storm.back().reset();
+            }
+        }
+        expectServed(server, ("during storm " + std::to_string(round)).c_str());
+    }
+    expectStopsCleanly(server);
+}
+
+TEST(HostileClients, AFrameCutByAResetCostsOnlyThatConnection) {
+    ServerProcess server({"--port", "0"});
+    for (int round = 0; round < 50; ++round) {
+        RawConnection connection(connectRaw(server.port()));
+        const Bytes request = healthCheckMessage();
+        const auto sent = static_cast<std::size_t>(round % 36);
+        Bytes frame(4 + sent, 0);
+        frame[3] = static_cast<unsigned char>(request.size());
+        std::copy_n(request.begin(), sent, frame.begin() + 4);
+        sendBytes(connection.fd(), frame);
+        connection.reset();
+    }
+    expectServed(server, "after fifty cut frames");
+    expectStopsCleanly(server);
+}
+
+}  // namespace
