@@ -119,8 +119,8 @@ void TlsChannel::handshake(bool client, int timeoutMs) {
 }
 
 bool TlsChannel::settle(int result, int timeoutMs, const char* action) {
-    const int error = SSL_get_error(m_ssl.get(), result);
     const int savedErrno = errno;
+    const int error = SSL_get_error(m_ssl.get(), result);
     switch (error) {
         case SSL_ERROR_WANT_READ:
         case SSL_ERROR_WANT_WRITE:

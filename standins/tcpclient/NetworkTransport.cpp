@@ -89,6 +89,11 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
         throw failure("command of " + std::to_string(length) + " bytes exceeds the limit of " +
                       std::to_string(limit) + " bytes");
     }
+    // A reply this thread never read must not pass for the answer to a command that fails.
+    {
+        std::lock_guard<std::mutex> lock(m_repliesMutex);
+        m_replies.erase(std::this_thread::get_id());
+    }
     std::unique_ptr<ByteChannel> connection = takeConnection();
     try {
         writeFrame(*connection, message, static_cast<std::size_t>(length),

@@ -79,6 +79,23 @@ TEST(NetworkTcpClient, ShortBufferGetsThePrefixAndTheReplyIsGone) {
                 HasSubstr("no reply stored"));
 }
 
+TEST(NetworkTcpClient, FailedCommandLeavesNoEarlierReplyBehind) {
+    TestPeer peer([](int fd, int index) {
+        Bytes request;
+        if (readRawFrame(fd, request) && index == 0) {
+            writeRawFrame(fd, request);
+        }
+    });
+    auto client = ClientLibrary::tcp().connect("127.0.0.1", peer.port());
+    Bytes first = makeMessage(2, 0, "answered, never read");
+    client->SendCommand(first.data(), static_cast<int>(first.size()));
+    Bytes second = makeMessage(2, 0, "never answered");
+    EXPECT_THROW(client->SendCommand(second.data(), static_cast<int>(second.size())),
+                 std::runtime_error);
+    unsigned char buffer[8];
+    EXPECT_THAT(failureOf([&] { client->ReadResponse(buffer, 8); }), HasSubstr("no reply stored"));
+}
+
 TEST(NetworkTcpClient, RefusedPortNamesHostPortAndCause) {
     const unsigned short port = unusedPort();
     auto client = ClientLibrary::tcp().connect("127.0.0.1", port);
