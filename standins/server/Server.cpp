@@ -39,6 +39,9 @@ Server::Server(const ServerOptions& options, const HostedRuntime& runtime)
     if (options.tls()) {
         m_tls = makeSslContext(true);
         SSL_CTX* context = m_tls.get();
+        // No session tickets: clients don't resume sessions, and bytes that arrive on an idle
+        // connection make a client drop it as stale.
+        SSL_CTX_set_num_tickets(context, 0);
         if (SSL_CTX_use_certificate_chain_file(context, options.tlsCert.c_str()) != 1) {
             throw std::runtime_error(tlsFailure("the certificate", options.tlsCert));
         }
