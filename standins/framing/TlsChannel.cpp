@@ -63,11 +63,18 @@ SslContext makeSslContext(bool server) {
 std::string takeTlsErrors() {
     std::string text;
     while (const unsigned long error = ERR_get_error()) {
-        const char* reason = ERR_reason_error_string(error);
-        if (!text.empty()) {
-            text += "; ";
+        std::string reason;
+        if (ERR_SYSTEM_ERROR(error)) {
+            reason = errnoText(ERR_GET_REASON(error));
+        } else if (const char* known = ERR_reason_error_string(error)) {
+            reason = known;
+        } else {
+            reason = "error " + std::to_string(error);
         }
-        text += reason != nullptr ? reason : "error " + std::to_string(error);
+        // One failure often queues the same reason at several levels.
+        if (text.find(reason) == std::string::npos) {
+            text += (text.empty() ? "" : "; ") + reason;
+        }
     }
     return text.empty() ? "unknown TLS error" : text;
 }
