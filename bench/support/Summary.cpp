@@ -8,6 +8,8 @@
 #include <iostream>
 #include <sstream>
 
+#include <unistd.h>
+
 namespace {
 
 std::optional<double> median(std::vector<double> values) {
@@ -28,6 +30,8 @@ std::string fixed(double value, int decimals) {
 }
 
 }  // namespace
+
+Summary::Summary() : ConsoleReporter(isatty(STDOUT_FILENO) == 1 ? OO_Defaults : OO_Tabular) {}
 
 void Summary::ReportRuns(const std::vector<Run>& runs) {
     m_runs.insert(m_runs.end(), runs.begin(), runs.end());

@@ -10,6 +10,8 @@
 // against its baseline measured in the same process, and prints them as rows of one table.
 class Summary : public benchmark::ConsoleReporter {
 public:
+    // Colours only on a terminal.
+    Summary();
     void ReportRuns(const std::vector<Run>& runs) override;
 
     // Median over repetitions of the real (or manual) time of one iteration, in nanoseconds.
