@@ -117,11 +117,11 @@ std::string copyOf(JNIEnv* env, jstring string, jboolean* copyFlag, const char* 
     return chars.get();
 }
 
+// After AtStartUp a transmitter exists; only readResponse, which doesn't run it, can meet none.
 ITransmitter* transmitterOrRefuse(const char* native) {
     ITransmitter* current = GetTransmitter();
     if (current == nullptr) {
-        refuse(std::string(native) +
-               ": no transmitter exists; call sendCommand before readResponse");
+        refuse(std::string(native) + ": no transmitter exists; call sendCommand first");
     }
     return current;
 }

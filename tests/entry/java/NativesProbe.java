@@ -92,8 +92,7 @@ public final class NativesProbe {
                 break;
             case "readWithoutTransmitter":
                 expect(TransmitterWrapper.readResponse(new byte[16]), -3, "readResponse");
-                expectError("readResponse: no transmitter exists; call sendCommand before "
-                        + "readResponse");
+                expectError("readResponse: no transmitter exists; call sendCommand first");
                 break;
             case "readWithoutChannel":
                 expect(TransmitterWrapper.sendCommand(new byte[0]), 0, "sendCommand(empty)");
