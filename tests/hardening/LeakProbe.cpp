@@ -171,7 +171,7 @@ int main(int argc, char** argv) {
         const long growth = static_cast<long>(heapAtEnd) - static_cast<long>(heapAtHalf);
         // The JVM's own malloc use (JIT, symbol tables) moves by some kilobytes; a leak of one
         // block per command over the second half would be far above this.
-        grew = growth > 1024 * 1024;
+        grew = growth > 256 * 1024;
         std::cout << ", heap in use " << heapAtHalf << " bytes at half, " << heapAtEnd
                   << " at the end (" << growth << ")";
     }
