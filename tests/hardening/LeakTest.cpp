@@ -48,12 +48,12 @@ Outcome runProbe(const std::string& rounds) {
 
 TEST(LeakCheck, EveryCommandKindRepeatedUnderTheJniCheckerLeaksNothing) {
     ::setenv("JAVA_TOOL_OPTIONS", "-Xcheck:jni", 1);
-    const Outcome outcome = runProbe("1000");
+    const Outcome outcome = runProbe("4000");
     EXPECT_TRUE(WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == 0)
         << "status " << outcome.status << "\n"
         << outcome.output;
     EXPECT_THAT(outcome.output, HasSubstr("Picked up JAVA_TOOL_OPTIONS: -Xcheck:jni"));
-    EXPECT_THAT(outcome.output, HasSubstr("1000 rounds, 0 wrong outcomes"));
+    EXPECT_THAT(outcome.output, HasSubstr("4000 rounds, 0 wrong outcomes"));
     EXPECT_THAT(outcome.output, Not(HasSubstr("WARNING in native method")));
     EXPECT_THAT(outcome.output, Not(HasSubstr("JNI local refs")));
     EXPECT_THAT(outcome.output, Not(HasSubstr("FATAL ERROR in native method")));
