@@ -36,85 +36,102 @@ std::string sizeName(int size) {
     return size >= 1024 ? std::to_string(size / 1024) + " KiB" : std::to_string(size) + " B";
 }
 
-// Runs body once per iteration; a failure of the road ends the benchmark with its text.
+// Runs a benchmark's body; a failure of a road ends that benchmark with its text.
 template <typename Body>
-void loop(benchmark::State& state, Body&& body) {
+void guarded(benchmark::State& state, Body&& body) {
     try {
-        for (auto _ : state) {
-            body();
-        }
+        body();
     } catch (const std::exception& failure) {
         state.SkipWithError(failure.what());
     }
 }
 
 void healthCheck(benchmark::State& state) {
-    Bytes message = healthCheckMessage();
-    Bytes reply(64);
-    loop(state, [&] { benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply)); });
-}
-
-void echoOurs(benchmark::State& state, int size) {
-    const ScopedAttach attach(roads.jvm);
-    Bytes message = echoMessage(size);
-    Bytes reply(message.size());
-    loop(state, [&] { benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply)); });
-}
-
-void echoByHand(benchmark::State& state, int size) {
-    const ScopedAttach attach(roads.jvm);
-    const Bytes message = echoMessage(size);
-    Bytes reply(message.size());
-    loop(state, [&] {
-        benchmark::DoNotOptimize(
-            roads.hand->call(attach.env(), message.data(), size, reply.data(), size));
+    guarded(state, [&] {
+        Bytes message = healthCheckMessage();
+        Bytes reply(64);
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply));
+        }
     });
 }
 
-void neverSeenOurs(benchmark::State& state) {
+void echoOurs(benchmark::State& state, int size) {
+    guarded(state, [&] {
+        const ScopedAttach attach(roads.jvm);
+        Bytes message = echoMessage(size);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply));
+        }
+    });
+}
+
+void echoByHand(benchmark::State& state, int size) {
+    guarded(state, [&] {
+        const ScopedAttach attach(roads.jvm);
+        const Bytes message = echoMessage(size);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(
+                roads.hand->call(attach.env(), message.data(), size, reply.data(), size));
+        }
+    });
+}
+
+void requireNeverSeen() {
     if (isAttached(roads.jvm)) {
-        state.SkipWithError("the benchmark thread is attached to the JVM");
-        return;
+        throw std::runtime_error("the benchmark thread is attached to the JVM");
     }
-    Bytes message = echoMessage(32);
-    Bytes reply(message.size());
-    loop(state, [&] { benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply)); });
+}
+
+void neverSeenOurs(benchmark::State& state) {
+    guarded(state, [&] {
+        requireNeverSeen();
+        Bytes message = echoMessage(32);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply));
+        }
+    });
 }
 
 void neverSeenByHand(benchmark::State& state) {
-    if (isAttached(roads.jvm)) {
-        state.SkipWithError("the benchmark thread is attached to the JVM");
-        return;
-    }
-    const Bytes message = echoMessage(32);
-    Bytes reply(message.size());
-    loop(state, [&] {
-        JNIEnv* env = nullptr;
-        if (roads.jvm->AttachCurrentThread(reinterpret_cast<void**>(&env), nullptr) != JNI_OK) {
-            throw std::runtime_error("AttachCurrentThread failed");
+    guarded(state, [&] {
+        requireNeverSeen();
+        const Bytes message = echoMessage(32);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            const ScopedAttach attach(roads.jvm);
+            benchmark::DoNotOptimize(
+                roads.hand->call(attach.env(), message.data(), 32, reply.data(), 32));
         }
-        benchmark::DoNotOptimize(roads.hand->call(env, message.data(), 32, reply.data(), 32));
-        roads.jvm->DetachCurrentThread();
     });
 }
 
 void throughputOurs(benchmark::State& state) {
-    const ScopedAttach attach(roads.jvm);
-    Bytes message = echoMessage(32);
-    Bytes reply(message.size());
-    loop(state, [&] { benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply)); });
-    state.SetItemsProcessed(state.iterations());
+    guarded(state, [&] {
+        const ScopedAttach attach(roads.jvm);
+        Bytes message = echoMessage(32);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply));
+        }
+        state.SetItemsProcessed(state.iterations());
+    });
 }
 
 void throughputByHand(benchmark::State& state) {
-    const ScopedAttach attach(roads.jvm);
-    const Bytes message = echoMessage(32);
-    Bytes reply(message.size());
-    loop(state, [&] {
-        benchmark::DoNotOptimize(
-            roads.hand->call(attach.env(), message.data(), 32, reply.data(), 32));
+    guarded(state, [&] {
+        const ScopedAttach attach(roads.jvm);
+        const Bytes message = echoMessage(32);
+        Bytes reply(message.size());
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(
+                roads.hand->call(attach.env(), message.data(), 32, reply.data(), 32));
+        }
+        state.SetItemsProcessed(state.iterations());
     });
-    state.SetItemsProcessed(state.iterations());
 }
 
 void registerBenchmarks() {

@@ -142,24 +142,32 @@ int main() {
         // by hand on the same thread afterwards.
         Growth threadGrowth;
         Growth threadHandGrowth;
+        std::exception_ptr threadFailure;
         std::thread sender([&] {
-            Bytes ownReply(message.size());
-            const auto fromNewThread = [&] { roundTrip(*receiver, message, ownReply); };
-            const auto byHandFromNewThread = [&] {
-                const ScopedAttach attachOnce(jvm);
-                hand.call(attachOnce.env(), message.data(), static_cast<int>(message.size()),
-                          ownReply.data(), static_cast<int>(ownReply.size()));
-            };
-            run(neverSeen, "warm-up, never-seen thread, library", fromNewThread);
-            const Footprint start = footprint();
-            threadGrowth = growth(
-                start, run(neverSeen, "measured, never-seen thread, library", fromNewThread));
-            const Footprint handStartOnThread = footprint();
-            threadHandGrowth =
-                growth(handStartOnThread,
-                       run(neverSeen, "measured, never-seen thread, by hand", byHandFromNewThread));
+            try {
+                Bytes ownReply(message.size());
+                const auto fromNewThread = [&] { roundTrip(*receiver, message, ownReply); };
+                const auto byHandFromNewThread = [&] {
+                    const ScopedAttach attachOnce(jvm);
+                    hand.call(attachOnce.env(), message.data(), static_cast<int>(message.size()),
+                              ownReply.data(), static_cast<int>(ownReply.size()));
+                };
+                run(neverSeen, "warm-up, never-seen thread, library", fromNewThread);
+                const Footprint start = footprint();
+                threadGrowth = growth(
+                    start, run(neverSeen, "measured, never-seen thread, library", fromNewThread));
+                const Footprint handStartOnThread = footprint();
+                threadHandGrowth = growth(
+                    handStartOnThread,
+                    run(neverSeen, "measured, never-seen thread, by hand", byHandFromNewThread));
+            } catch (...) {
+                threadFailure = std::current_exception();
+            }
         });
         sender.join();
+        if (threadFailure) {
+            std::rethrow_exception(threadFailure);
+        }
         tableRow("Memory: growth over " + std::to_string(neverSeen) +
                      " commands from a never-seen thread (attach and detach each) after as many "
                      "to warm up",
