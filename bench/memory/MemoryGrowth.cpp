@@ -128,15 +128,14 @@ int main() {
         const Growth handGrowth = growth(handStart, run(commands, "measured, by hand", byHand));
         const Footprint oursStart = footprint();
         const Growth oursGrowth = growth(oursStart, run(commands, "measured, library", ours));
-        tableRow(
-            "Memory: host with the library loaded and the JVM up (Java heap fixed at 64 MiB); "
-            "growth over " +
-                std::to_string(commands) + " Java echo commands after a warm-up",
-            describe(jvmUp) + "; after warm-up " + mib(oursStart.residentMiB) + "; " +
-                describe(oursGrowth),
-            mib(before.residentMiB) + " before the library is loaded; hand-written road " +
-                describe(handGrowth),
-            "–", "no growth after warm-up (≤ 1 MiB)", noGrowth(oursGrowth) ? "met" : "missed");
+        tableRow("Memory: host with the library loaded and the JVM up (JAVA_TOOL_OPTIONS=" +
+                     std::string(std::getenv("JAVA_TOOL_OPTIONS")) + "); growth over " +
+                     std::to_string(commands) + " Java echo commands after a warm-up",
+                 describe(jvmUp) + "; after warm-up " + mib(oursStart.residentMiB) + "; " +
+                     describe(oursGrowth),
+                 mib(before.residentMiB) + " before the library is loaded; hand-written road " +
+                     describe(handGrowth),
+                 "–", "no growth after warm-up (≤ 1 MiB)", noGrowth(oursGrowth) ? "met" : "missed");
 
         // Each command from a thread the JVM has not seen: attach, command, detach; the same
         // by hand on the same thread afterwards.
