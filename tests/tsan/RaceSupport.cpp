@@ -14,13 +14,13 @@ using Ostrelink::Native::Interfaces::CreateTransmitterFn;
 using Ostrelink::Native::Interfaces::IReceiver;
 using Ostrelink::Native::Interfaces::ITransmitter;
 
+// Spins rather than sleeps: threads woken from a condition variable leave one by one, and the
+// first may be done before the next wakes.
 void StartLine::arriveAndWait() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (--m_waiting == 0) {
-        m_open.notify_all();
-        return;
+    m_arrived.fetch_add(1);
+    while (m_arrived.load() < m_runners) {
+        std::this_thread::yield();
     }
-    m_open.wait(lock, [this] { return m_waiting == 0; });
 }
 
 void runTogether(std::size_t count, const std::function<void(std::size_t)>& body) {

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstddef>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include <ostrelink/IReceiver.h>
@@ -15,13 +14,12 @@
 // Lets a group of threads leave together, so that their first calls meet.
 class StartLine {
 public:
-    explicit StartLine(std::size_t runners) : m_waiting(runners) {}
+    explicit StartLine(std::size_t runners) : m_runners(runners) {}
     void arriveAndWait();
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_open;
-    std::size_t m_waiting;
+    const std::size_t m_runners;
+    std::atomic<std::size_t> m_arrived{0};
 };
 
 // Runs body(index) on count threads that start at once, and joins them.

@@ -2,6 +2,8 @@
 // in any build the assertions check that no answer goes to the wrong thread.
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -195,6 +197,41 @@ TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChan
     EXPECT_EQ(unclear.load(), 0);
     const Bytes message = makeMessage(cppRuntime, 0, "after");
     EXPECT_EQ(sendAndRead(transmitter, message), message);
+}
+
+// Sibling libraries are loaded on first need and their handles kept: first needs that meet on
+// several threads must not race on the kept handle. Each network channel has a lock of its own,
+// so two channels load the TCP client library at once. Only the first load of a process can
+// race, and whether two threads meet there depends on the scheduler, so the race is run in
+// several fresh child processes; under ThreadSanitizer a child that sees it exits with 66.
+void firstTcpMessagesFromManyThreads() {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<int> unclear{0};
+    // One channel per address; port 1 of loopback addresses refuses at once.
+    runTogether(24, [&](std::size_t thread) {
+        Bytes message = makeMessage(jvmRuntime, 0, taggedPayload(thread, 0));
+        setRoute(message, 1, {127, 0, 0, static_cast<unsigned char>(thread + 1)}, 1);
+        if (!throwsWith([&] { sendAndRead(transmitter, message); }, "127.0.0.")) {
+            ++unclear;
+        }
+    });
+    std::exit(unclear.load() == 0 ? 0 : 1);
+}
+
+TEST(LibraryLoadRace, FirstTcpMessagesToManyAddressesLoadTheClientLibrarySafely) {
+    for (int child = 0; child < 6; ++child) {
+        const pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            firstTcpMessagesFromManyThreads();
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "child " << child << ": status " << status
+            << " (exit 66 is a ThreadSanitizer report, 1 a failure without a clear text)";
+    }
 }
 
 }  // namespace
