@@ -34,10 +34,10 @@ std::string thisLibraryPathOrEmpty() {
 
 const std::string LibrariesFinder::nativeDirectoryRelativePath = OSTRELINK_NATIVE_DIRECTORY;
 const std::string LibrariesFinder::pathToDir = thisLibraryPathOrEmpty();
-void* LibrariesFinder::utilsLibraryInstance = nullptr;
-void* LibrariesFinder::configsLibraryInstance = nullptr;
-void* LibrariesFinder::tcpClientLibraryInstance = nullptr;
-void* LibrariesFinder::tcpTlsClientLibraryInstance = nullptr;
+std::atomic<void*> LibrariesFinder::utilsLibraryInstance{nullptr};
+std::atomic<void*> LibrariesFinder::configsLibraryInstance{nullptr};
+std::atomic<void*> LibrariesFinder::tcpClientLibraryInstance{nullptr};
+std::atomic<void*> LibrariesFinder::tcpTlsClientLibraryInstance{nullptr};
 
 std::string LibrariesFinder::getThisLibraryPath() {
     Dl_info info{};
@@ -62,7 +62,9 @@ std::string LibrariesFinder::getCurrentWorkingDirectory() {
     return path + "/";
 }
 
-std::string LibrariesFinder::getBinariesRootPath() { return getThisLibraryPath() + "../../../../"; }
+std::string LibrariesFinder::getBinariesRootPath() {
+    return getThisLibraryPath() + "../../../../";
+}
 
 std::string LibrariesFinder::getRuntimeLibraryPath(int runtime) {
     return getThisLibraryPath() +
@@ -107,13 +109,14 @@ void* LibrariesFinder::loadLibraryDeepBind(std::string path, bool throwOnError, 
 #endif
 }
 
-void* LibrariesFinder::loadCached(void*& cache, const char* fileName, bool throwOnError,
-                                  bool printError) {
-    if (cache != nullptr) {
-        return cache;
+void* LibrariesFinder::loadCached(std::atomic<void*>& cache, const char* fileName,
+                                  bool throwOnError, bool printError) {
+    if (void* handle = cache.load(std::memory_order_acquire)) {
+        return handle;
     }
-    cache = loadLibrary(pathToDir + fileName, throwOnError, printError);
-    return cache;
+    void* handle = loadLibrary(pathToDir + fileName, throwOnError, printError);
+    cache.store(handle, std::memory_order_release);
+    return handle;
 }
 
 void* LibrariesFinder::loadUtilsLibrary(bool throwOnError) {
@@ -131,8 +134,8 @@ void* LibrariesFinder::loadTcpClientLibrary(bool throwOnError) {
 }
 
 void* LibrariesFinder::loadTcpTlsClientLibrary(bool throwOnError) {
-    return loadCached(tcpTlsClientLibraryInstance,
-                      OSTRELINK_LIBRARY_FILE("OstrelinkTcpTlsClient"), throwOnError, true);
+    return loadCached(tcpTlsClientLibraryInstance, OSTRELINK_LIBRARY_FILE("OstrelinkTcpTlsClient"),
+                      throwOnError, true);
 }
 
 }  // namespace Ostrelink::Native::LibrariesFinder

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace Ostrelink::Native::LibrariesFinder {
@@ -35,14 +36,16 @@ public:
     static const std::string pathToDir;
 
 private:
-    static void* loadCached(void*& cache, const char* fileName, bool throwOnError,
+    static void* loadCached(std::atomic<void*>& cache, const char* fileName, bool throwOnError,
                             bool printError);
     static void* open(const std::string& path, int flags, bool throwOnError, bool printError);
 
-    static void* utilsLibraryInstance;
-    static void* configsLibraryInstance;
-    static void* tcpClientLibraryInstance;
-    static void* tcpTlsClientLibraryInstance;
+    // Atomic, as several threads may load the same library at once; dlopen hands them the same
+    // handle, so the later store is harmless. No lock: the exception type's reporting re-enters.
+    static std::atomic<void*> utilsLibraryInstance;
+    static std::atomic<void*> configsLibraryInstance;
+    static std::atomic<void*> tcpClientLibraryInstance;
+    static std::atomic<void*> tcpTlsClientLibraryInstance;
 };
 
 }  // namespace Ostrelink::Native::LibrariesFinder
