@@ -28,14 +28,3 @@ void sendBytes(int fd, const Bytes& bytes);
 void raiseDescriptorLimit(unsigned long wanted);
 // Sends an RST on fd and closes it.
 void resetConnection(int fd);
-
-// The text of the std::exception that call throws, or "" if it returns.
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return {};
-}

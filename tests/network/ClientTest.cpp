@@ -17,18 +17,6 @@ using testing::StartsWith;
 
 namespace {
 
-// The text of the std::runtime_error that the call throws.
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
-
 std::string endpoint(unsigned short port) {
     return "Ostrelink TCP client 127.0.0.1:" + std::to_string(port) + ": ";
 }

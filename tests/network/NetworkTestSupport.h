@@ -4,9 +4,12 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +18,18 @@
 #include "common/Messages.h"
 
 using Ostrelink::Native::Interfaces::ITransport;
+
+// The text of the std::runtime_error that the call throws; a test failure if it throws none.
+template <typename Call>
+std::string failureOf(Call call) {
+    try {
+        call();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "no exception";
+    return {};
+}
 
 // A directory under /tmp, removed with everything in it at the end of its scope.
 class TemporaryDirectory {

@@ -15,17 +15,6 @@ using testing::HasSubstr;
 
 namespace {
 
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
-
 // True if the server closes the socket within the limit.
 bool closedByServer(int fd, std::chrono::milliseconds limit) {
     const timeval wait{0, 100000};

@@ -13,17 +13,6 @@ using testing::StartsWith;
 
 namespace {
 
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
-
 std::vector<std::string> tlsServer(const std::string& cert, const std::string& key) {
     return {"--port", "0", "--tls-cert", cert, "--tls-key", key};
 }
