@@ -205,16 +205,17 @@ TEST_F(HostTool, ARuntimePathOfItsOwnLeavesTheSearchToTheLibrary) {
                               {"PATH", pathWithJavaLink()}});
     ASSERT_EQ(done.status, 0) << done.err;
     EXPECT_EQ(ownLines(done.err), "");
-    EXPECT_THAT(done.out,
+    EXPECT_THAT(done.err,
                 HasSubstr("Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment "
                           "variable: " +
                           jvm + "\n"));
 }
 
-TEST_F(HostTool, LoggingOffLeavesOnlyTheResultsOnStandardOutput) {
-    const ToolRun done = run({"health", "echo", "quiet"}, {{"OSTRELINK_LOGGING_LEVEL", "off"}});
+TEST_F(HostTool, StandardOutputHoldsTheResultsOnlyAndTheLibrarysLinesGoToStandardError) {
+    const ToolRun done = run({"call", "java.lang.System", "getProperty", "java.version"});
     ASSERT_EQ(done.status, 0) << done.err;
-    EXPECT_EQ(done.out, "health: ok\necho: quiet\n");
+    EXPECT_EQ(done.out, "call: " + jdkVersion() + "\n");
+    EXPECT_THAT(done.err, HasSubstr("JVM Native Launcher Runtime Info"));
 }
 
 TEST_F(HostTool, TheLibraryOptionOpensThatFileOrSaysWhyNot) {

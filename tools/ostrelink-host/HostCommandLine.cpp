@@ -112,8 +112,9 @@ Commands:
   echo TEXT                 Send TEXT to the JVM and print what comes back.
   info                      Print the JVM's version, vendor, home and class path.
 
-Results go to standard output, one line each, prefixed with the command's name ("call: ...").
-The library prints its own progress lines and runtime information there too while it starts.
+Results go to standard output, one line each, prefixed with the command's name ("call: ..."),
+and nothing else does: the library's own progress lines and runtime information, and whatever
+Java prints to System.out, go to standard error.
 A failure prints the library's error text, or the Java exception as "class: message", on
 standard error, and the exit status is 1. A command line that can't be run gives status 2.
 
