@@ -114,6 +114,9 @@ TEST_F(HostTool, CommandLinesThatCantRunExitWithTwoBeforeAnythingStarts) {
         {{"health", "call", targets}, "call needs a class name and a method name"},
         {{"load", "health"}, "load needs at least one jar file or directory"},
         {{"echo"}, "echo needs a text"},
+        {{"health", "info", "load", "b.jar"},
+         "load b.jar comes after info, which started the JVM: its class path can't change any "
+         "more; give load before the first call, echo or info"},
     };
     for (const auto& [arguments, text] : cases) {
         const ToolRun refused = run(arguments);

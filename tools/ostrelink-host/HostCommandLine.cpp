@@ -48,11 +48,17 @@ HostCommandLine HostCommandLine::parse(const std::vector<std::string>& arguments
     if (next == arguments.size()) {
         throw UsageError("no command given");
     }
+    // The first command that needs Java starts the JVM; its class path is fixed from then on,
+    // and the library would still acknowledge a later load that can never take effect.
+    std::optional<std::string> startedJvm;
     while (next < arguments.size()) {
         const std::string& word = arguments[next++];
         const auto kind = commandKind(word);
         if (!kind) {
             throw UsageError("unknown command '" + word + "'");
+        }
+        if (*kind != HostStep::Kind::Health && *kind != HostStep::Kind::Load && !startedJvm) {
+            startedJvm = word;
         }
         HostStep step{*kind, {}};
         switch (*kind) {
@@ -82,6 +88,12 @@ HostCommandLine HostCommandLine::parse(const std::vector<std::string>& arguments
                 if (*kind == HostStep::Kind::Load && step.arguments.empty()) {
                     throw UsageError("load needs at least one jar file or directory");
                 }
+                if (*kind == HostStep::Kind::Load && startedJvm) {
+                    throw UsageError("load " + step.arguments.front() + " comes after " +
+                                     *startedJvm +
+                                     ", which started the JVM: its class path can't change any "
+                                     "more; give load before the first call, echo or info");
+                }
                 if (*kind == HostStep::Kind::Call && step.arguments.size() < 2) {
                     throw UsageError("call needs a class name and a method name");
                 }
@@ -103,7 +115,8 @@ starts with the first command that needs Java. The first command that fails ends
 Commands:
   health                    Health check, answered by the library without starting the JVM.
   load PATH...              Put jar files, or the jar files of directories, on the class path of
-                            the JVM. Give them before the first command that starts the JVM.
+                            the JVM. Give them before the first call, echo or info, which start
+                            the JVM; a load after them is refused.
   call CLASS METHOD [ARG]...
                             Call a public static method of CLASS that takes as many String
                             parameters as ARGs are given and print its result. The arguments
