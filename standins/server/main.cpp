@@ -7,6 +7,7 @@
 #include <iostream>
 #include <string>
 
+#include "DefaultJdk.h"
 #include "HostedRuntime.h"
 #include "Server.h"
 #include "ServerOptions.h"
@@ -51,6 +52,7 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    DefaultJdk::useIfNoneSet("ostrelink-server");
     // A peer that vanishes must cost one connection, not the process.
     ::signal(SIGPIPE, SIG_IGN);
     // SIGINT and SIGTERM are read from a descriptor by the accepting loop, so they are blocked

@@ -52,12 +52,12 @@ std::vector<std::string> resultLines(const std::string& text) {
 }
 
 // The tool's own lines of its standard error; a sanitizer build adds reports of its own there.
-std::string ownLines(const std::string& err) {
+std::string ownLines(const std::string& err, const std::string& tool = "ostrelink-host") {
     std::string lines;
     std::istringstream stream(err);
     std::string line;
     while (std::getline(stream, line)) {
-        if (line.rfind("ostrelink-host: ", 0) == 0 || line.rfind("Try 'ostrelink-host", 0) == 0) {
+        if (line.rfind(tool + ": ", 0) == 0 || line.rfind("Try '" + tool, 0) == 0) {
             lines += line + "\n";
         }
     }
@@ -189,15 +189,28 @@ TEST_F(HostTool, NoJavaHomeAndNoJavaOnPathGivesCode001) {
     EXPECT_THAT(done.err, Not(HasSubstr("JAVA_HOME is not set; using")));
 }
 
+// Every tool that starts a JVM, with JAVA_HOME unset or empty.
 TEST_F(HostTool, WithoutJavaHomeTheJdkOfJavaOnPathIsUsedThroughItsLinks) {
     const std::string path = pathWithJavaLink();
-    const ToolRun done = run({"call", "java.lang.System", "getProperty", "java.home"},
-                             {{"JAVA_HOME", std::nullopt}, {"PATH", path}});
-    ASSERT_EQ(done.status, 0) << done.err;
-    EXPECT_EQ(ownLines(done.err), "ostrelink-host: JAVA_HOME is not set; using " HOST_JAVA_HOME
-                                  ", the JDK of " +
-                                      path + "/java on PATH\n");
-    EXPECT_EQ(resultLines(done.out), std::vector<std::string>{"call: " HOST_JAVA_HOME});
+    const std::vector<std::pair<std::string, std::vector<std::string>>> tools = {
+        {HOST_TOOL, {"call", "java.lang.System", "getProperty", "java.home"}},
+        {STRESS_TOOL, {"--threads", "1", "--commands", "10", "--no-network"}},
+    };
+    for (const auto& [tool, arguments] : tools) {
+        for (const std::optional<std::string>& javaHome : {std::optional<std::string>(), {""}}) {
+            const ToolRun done = ToolProcess::run(
+                tool, arguments, {{"JAVA_HOME", javaHome}, {"PATH", path}}, directory.string());
+            ASSERT_EQ(done.status, 0) << tool << "\n" << done.err;
+            const std::string name = fs::path(tool).filename().string();
+            EXPECT_EQ(ownLines(done.err, name),
+                      name + ": JAVA_HOME is not set; using " HOST_JAVA_HOME ", the JDK of " +
+                          path + "/java on PATH\n");
+        }
+    }
+    EXPECT_EQ(run({"call", "java.lang.System", "getProperty", "java.home"},
+                  {{"JAVA_HOME", ""}, {"PATH", path}})
+                  .out,
+              "call: " HOST_JAVA_HOME "\n");
 }
 
 TEST_F(HostTool, ARuntimePathOfItsOwnLeavesTheSearchToTheLibrary) {

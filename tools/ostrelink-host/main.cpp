@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -21,23 +20,6 @@ namespace {
 
 constexpr unsigned char cppRuntime = 8;
 constexpr unsigned char jvmRuntime = 2;
-
-// The library finds the JVM through JAVA_HOME or OSTRELINK_JVM_RUNTIME_PATH only. A user who
-// set neither means the machine's java, so find it here, before the library looks.
-void useDefaultJdkIfNoneSet() {
-    if (std::getenv("JAVA_HOME") != nullptr ||
-        std::getenv("OSTRELINK_JVM_RUNTIME_PATH") != nullptr) {
-        return;
-    }
-    const char* searchPath = std::getenv("PATH");
-    const auto jdk = DefaultJdk::find(searchPath != nullptr ? searchPath : "");
-    if (!jdk) {
-        return;
-    }
-    setenv("JAVA_HOME", jdk->home.c_str(), 1);
-    std::cerr << "ostrelink-host: JAVA_HOME is not set; using " << jdk->home << ", the JDK of "
-              << jdk->launcher << " on PATH" << std::endl;
-}
 
 // Writes straight to a descriptor that it owns: the results, one line each, as they come.
 class DescriptorBuffer : public std::streambuf {
@@ -111,7 +93,7 @@ int main(int argc, char** argv) {
         std::cout << HostCommandLine::helpText();
         return 0;
     }
-    useDefaultJdkIfNoneSet();
+    DefaultJdk::useIfNoneSet("ostrelink-host");
     const int resultsFd = keepStandardOutputForResults();
     if (resultsFd < 0) {
         std::cerr << "ostrelink-host: cannot keep standard output for the results: "

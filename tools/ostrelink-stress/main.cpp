@@ -18,6 +18,7 @@
 
 #include <ostrelink/RuntimeFactories.h>
 
+#include "DefaultJdk.h"
 #include "ServerChild.h"
 #include "StressOptions.h"
 #include "StressWorkload.h"
@@ -134,6 +135,8 @@ int run(const StressOptions& options) {
     // Expected failures print nothing and, unless asked, write no record.
     setenv("OSTRELINK_LOGGING_LEVEL", "off", 0);
     setenv("JAVA_TOOL_OPTIONS", "-Xms64m -Xmx64m -XX:+AlwaysPreTouch", 0);
+    // Before the server child starts, so that it inherits the JVM found here.
+    DefaultJdk::useIfNoneSet("ostrelink-stress");
 
     const std::string bin = executableDirectory();
     // Started before this process has a JVM: forking a process with a running JVM is unsafe.

@@ -2,13 +2,20 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <system_error>
 
 namespace fs = std::filesystem;
 
 namespace {
+
+bool holdsValue(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
 
 std::optional<DefaultJdk::Found> homeOf(const fs::path& launcher) {
     std::error_code error;
@@ -40,4 +47,19 @@ std::optional<DefaultJdk::Found> DefaultJdk::find(const std::string& searchPath)
         }
     }
     return std::nullopt;
+}
+
+void DefaultJdk::useIfNoneSet(const char* tool) {
+    if (holdsValue("JAVA_HOME") || holdsValue("OSTRELINK_JVM_RUNTIME_PATH")) {
+        return;
+    }
+    const char* searchPath = std::getenv("PATH");
+    const auto jdk = find(searchPath != nullptr ? searchPath : "");
+    if (!jdk) {
+        unsetenv("JAVA_HOME");
+        return;
+    }
+    setenv("JAVA_HOME", jdk->home.c_str(), 1);
+    std::cerr << tool << ": JAVA_HOME is not set; using " << jdk->home << ", the JDK of "
+              << jdk->launcher << " on PATH" << std::endl;
 }
