@@ -1,11 +1,11 @@
-// A host built apart from the project, against the installed headers only, that drives the
-// installed library the way a sibling runtime library does: dlopen by full path, factories by
-// name, messages built by hand.
-//   InstalledHost LIBRARY health|echo THREADS ROUNDS          through the receiver
-//   InstalledHost LIBRARY memory THREADS ROUNDS               through the transmitter, in memory
-//                                                             to the Cpp runtime (8)
-//   InstalledHost LIBRARY tcp|tls THREADS ROUNDS PORT         through the transmitter, to an
-//                                                             ostrelink-server on 127.0.0.1
+// A host built apart from the project, through the installed CMake package only, that drives
+// the installed library (OSTRELINK_LIBRARY, from the package) the way a sibling runtime library
+// does: dlopen by full path, factories by name, messages built by hand.
+//   InstalledHost health|echo THREADS ROUNDS          through the receiver
+//   InstalledHost memory THREADS ROUNDS               through the transmitter, in memory to the
+//                                                     Cpp runtime (8)
+//   InstalledHost tcp|tls THREADS ROUNDS PORT         through the transmitter, to an
+//                                                     ostrelink-server on 127.0.0.1
 #include <dlfcn.h>
 
 #include <atomic>
@@ -95,14 +95,14 @@ bool run(Endpoint* endpoint, const std::string& mode, int thread, int rounds, un
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 5 && argc != 6) {
-        std::fprintf(stderr, "usage: %s LIBRARY health|echo|memory|tcp|tls THREADS ROUNDS [PORT]\n",
+    if (argc != 4 && argc != 5) {
+        std::fprintf(stderr, "usage: %s health|echo|memory|tcp|tls THREADS ROUNDS [PORT]\n",
                      argv[0]);
         return 2;
     }
-    void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(OSTRELINK_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
-        std::fprintf(stderr, "cannot open %s: %s\n", argv[1], dlerror());
+        std::fprintf(stderr, "cannot open %s: %s\n", OSTRELINK_LIBRARY, dlerror());
         return 1;
     }
     auto createReceiver =
@@ -113,10 +113,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "CreateReceiver or CreateTransmitter is not exported\n");
         return 1;
     }
-    const std::string mode = argv[2];
-    const int threads = std::atoi(argv[3]);
-    const int rounds = std::atoi(argv[4]);
-    const auto port = static_cast<unsigned short>(argc == 6 ? std::atoi(argv[5]) : 0);
+    const std::string mode = argv[1];
+    const int threads = std::atoi(argv[2]);
+    const int rounds = std::atoi(argv[3]);
+    const auto port = static_cast<unsigned short>(argc == 5 ? std::atoi(argv[4]) : 0);
     const bool outbound = mode == "memory" || mode == "tcp" || mode == "tls";
     try {
         Interfaces::IReceiver* receiver = nullptr;

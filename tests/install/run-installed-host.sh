@@ -1,26 +1,36 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix, compiles InstalledHost against <prefix>/include alone,
-# and runs it against the installed library. For tcp and tls it first starts the installed
+# Installs the build into a fresh prefix and moves it, builds InstalledHost through
+# find_package(OstrelinkRuntime) against the moved prefix alone, checks the pkg-config file, and
+# runs the host against the installed library. For tcp and tls it first starts the installed
 # ostrelink-server on 127.0.0.1 (a free port), with a throwaway certificate for tls.
-# Usage: run-installed-host.sh BUILD_DIR SOURCE COMPILER "FLAGS" MODE THREADS ROUNDS
+# Usage: run-installed-host.sh BUILD_DIR PROJECT_DIR COMPILER "FLAGS" MODE THREADS ROUNDS
 set -euo pipefail
-build_dir=$1 source=$2 compiler=$3 flags=$4 mode=$5 threads=$6 rounds=$7
-prefix=$(mktemp -d)
+build_dir=$1 project=$2 compiler=$3 flags=$4 mode=$5 threads=$6 rounds=$7
+work=$(mktemp -d)
+prefix="$work/moved"
 server_pid=""
 cleanup() {
     if [ -n "$server_pid" ]; then
         kill "$server_pid" 2>/dev/null || true
         wait "$server_pid" 2>/dev/null || true
     fi
-    rm -rf "$prefix"
+    rm -rf "$work"
 }
 trap cleanup EXIT
-cmake --install "$build_dir" --prefix "$prefix" > /dev/null
-library="$prefix/Binaries/Native/Linux/X64/libOstrelinkJvmRuntimeNative.so"
-test -f "$library"
+cmake --install "$build_dir" --prefix "$work/installed" > /dev/null
+# Nothing of the installation may depend on where it was installed.
+mv "$work/installed" "$prefix"
 test -f "$prefix/Binaries/Jvm/OstrelinkJvmRuntime.jar"
-# shellcheck disable=SC2086
-"$compiler" -std=c++17 $flags -I"$prefix/include" "$source" -o "$prefix/host" -ldl -pthread
+cmake -S "$project" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" \
+    -DCMAKE_EXE_LINKER_FLAGS="$flags" > /dev/null
+cmake --build "$work/build" > /dev/null
+cflags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags ostrelink-contract)
+include_dir=$(sed 's/^-I//; s/ *$//' <<< "$cflags")
+if [ "$(realpath "$include_dir")" != "$(realpath "$prefix/include")" ]; then
+    echo "FAIL: pkg-config --cflags ostrelink-contract gives '$cflags'" >&2
+    exit 1
+fi
 
 port=""
 if [ "$mode" = tcp ] || [ "$mode" = tls ]; then
@@ -42,4 +52,4 @@ if [ "$mode" = tcp ] || [ "$mode" = tls ]; then
     done
     [ -n "$port" ] || { echo "ostrelink-server did not start"; cat "$prefix/server.out"; exit 1; }
 fi
-"$prefix/host" "$library" "$mode" "$threads" "$rounds" $port
+"$work/build/InstalledHost" "$mode" "$threads" "$rounds" $port
