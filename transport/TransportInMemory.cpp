@@ -107,6 +107,11 @@ int TransportInMemory::SendCommand(unsigned char* message, int length) {
 }
 
 int TransportInMemory::ReadResponse(unsigned char* buffer, int length) {
+    if (buffer == nullptr || length < 1) {
+        fail("033",
+             "Response buffer is null or empty: its first byte names the runtime to read "
+             "from");
+    }
     return receiverOf(buffer[CommandHeader::targetRuntime])->ReadResponse(buffer, length);
 }
 

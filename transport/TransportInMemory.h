@@ -36,7 +36,8 @@ public:
                    unsigned char runtimeVersion) override;
     // Goes to the receiver of message[0].
     int SendCommand(unsigned char* message, int length) override;
-    // Goes to the receiver of buffer[0]: the caller puts the target runtime there first.
+    // Goes to the receiver of buffer[0]: the caller puts the target runtime there first. A null
+    // or empty buffer has no such byte: code 033.
     int ReadResponse(unsigned char* buffer, int length) override;
     unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
                                      unsigned char runtimeVersion, std::string path) override;
