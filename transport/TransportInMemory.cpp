@@ -80,7 +80,9 @@ TransportInMemory::~TransportInMemory() {
 int TransportInMemory::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
                                   unsigned char runtimeVersion) {
     std::lock_guard<std::mutex> lock(initializationMutex);
-    if (m_libraries[callingRuntime] != nullptr && m_libraries[calledRuntime] != nullptr) {
+    const std::pair<unsigned char, unsigned char> pair{callingRuntime, calledRuntime};
+    if ((m_libraries[callingRuntime] != nullptr || m_failedCallingHalves.count(pair) != 0) &&
+        m_libraries[calledRuntime] != nullptr) {
         return 0;
     }
     m_callingRuntime = callingRuntime;
@@ -92,12 +94,14 @@ int TransportInMemory::Initialize(unsigned char callingRuntime, unsigned char ca
     CreateTransmitterInCalledRuntime();
 
     // A sender whose own library can't be set up still reaches the called runtime; the
-    // exception's constructor has left the only record of it.
+    // exception's constructor has left the only record of it. The pair is not set up again:
+    // retrying would cost every later message of it a load attempt and a record, under the lock.
     try {
         ImportCallingLibrary();
         CreateReceiverInCallingRuntime();
         CreateTransmitterInCallingRuntime();
     } catch (const OstrelinkNativeException&) {
+        m_failedCallingHalves.insert(pair);
     }
     return 0;
 }

@@ -2,7 +2,9 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "contracts/IReceiver.h"
 #include "contracts/ITransmitter.h"
@@ -73,6 +75,9 @@ private:
     std::map<int, std::shared_ptr<Interfaces::IReceiver>> m_receivers;
     std::map<int, std::shared_ptr<Interfaces::ITransmitter>> m_transmitters;
     std::map<int, void*> m_libraries;
+    // Pairs (calling, called) whose called half is set up and whose calling half failed. Under
+    // initializationMutex.
+    std::set<std::pair<unsigned char, unsigned char>> m_failedCallingHalves;
 };
 
 }  // namespace Ostrelink::Native::Transport
