@@ -199,6 +199,42 @@ TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChan
     EXPECT_EQ(sendAndRead(transmitter, message), message);
 }
 
+// Messages to a runtime that is not installed go past Initialize's early return and store their
+// pair each time, while other threads read the stored pair to pick the target of
+// SetEmbeddedRuntime and DeployRuntime.
+TEST(InMemoryChannelRace, EmbeddedAndDeployReadTheLastPairWhileOtherThreadsStoreOne) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    Bytes deploy = makeMessage(cppRuntime, 0, "deploy");
+    std::atomic<int> unclear{0};
+    runTogether(4, [&](std::size_t thread) {
+        for (std::size_t round = 0; round < 200; ++round) {
+            Bytes missing = makeMessage(missingRuntime, 0, taggedPayload(thread, round));
+            try {
+                switch ((thread + round) % 3) {
+                    case 0:
+                        transmitter->SendCommand(missing.data(), static_cast<int>(missing.size()));
+                        ++unclear;  // the runtime is not installed
+                        break;
+                    case 1:
+                        transmitter->SetEmbeddedRuntime(cppRuntime, cppRuntime, 0, "/opt");
+                        break;
+                    default:
+                        transmitter->DeployRuntime(deploy.data(), static_cast<int>(deploy.size()),
+                                                   "", 0);
+                        break;
+                }
+            } catch (const std::exception& exception) {
+                // Not installed (001), or the last pair names the missing runtime (019).
+                if (std::string(exception.what()).find("Exception code 0") == std::string::npos) {
+                    ++unclear;
+                }
+            }
+        }
+    });
+    EXPECT_EQ(unclear.load(), 0);
+}
+
 // Sibling libraries are loaded on first need and their handles kept: first needs that meet on
 // several threads must not race on the kept handle. Each network channel has a lock of its own,
 // so two channels load the TCP client library at once. Only the first load of a process can
