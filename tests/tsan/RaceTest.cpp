@@ -235,6 +235,36 @@ TEST(InMemoryChannelRace, EmbeddedAndDeployReadTheLastPairWhileOtherThreadsStore
     EXPECT_EQ(unclear.load(), 0);
 }
 
+// A thread that never sent reads from the transmitter's current channel, which may be a network
+// channel whose first Initialize makes its client object on another thread right then.
+TEST(NetworkChannelRace, ReadsOfAThreadThatNeverSentMeetTheFirstInitializeOfNewChannels) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<bool> sending{true};
+    std::atomic<int> answered{0};
+    runTogether(2, [&](std::size_t thread) {
+        if (thread == 0) {
+            // Port 1 of loopback addresses refuses at once; each address is a new channel.
+            for (unsigned char host = 1; host <= 100; ++host) {
+                Bytes message = makeMessage(jvmRuntime, 0, "x");
+                setRoute(message, 1, {127, 0, 0, host}, 1);
+                throwsWith([&] { sendAndRead(transmitter, message); }, "");
+            }
+            sending = false;
+            return;
+        }
+        Bytes buffer(16, jvmRuntime);
+        while (sending) {
+            // Nothing was sent from here: every read fails, with no channel yet (029), a
+            // client object not made yet (013) or no reply stored in the client.
+            if (!throwsWith([&] { transmitter->ReadResponse(buffer.data(), 16); }, "")) {
+                ++answered;
+            }
+        }
+    });
+    EXPECT_EQ(answered.load(), 0);
+}
+
 // Sibling libraries are loaded on first need and their handles kept: first needs that meet on
 // several threads must not race on the kept handle. Each network channel has a lock of its own,
 // so two channels load the TCP client library at once. Only the first load of a process can
