@@ -25,6 +25,16 @@ bool isKnownConnectionType(unsigned char connectionType) {
     return connectionType <= static_cast<unsigned char>(ConnectionType::Tls);
 }
 
+// Routing reads the header, so a message without a whole one is refused before any byte of it.
+void refuseWithoutHeader(const unsigned char* message, int length) {
+    if (message == nullptr || length < shortestMessage) {
+        throw OstrelinkNativeException(
+            "Ostrelink Native Exception: Exception code 034. \nMessage is null or shorter than "
+            "its 11-byte header",
+            "Unknown");
+    }
+}
+
 }  // namespace
 
 NativeTransmitter::NativeTransmitter(Definitions::RuntimeOperationMode mode)
@@ -37,6 +47,7 @@ int NativeTransmitter::SendCommand(unsigned char* message, int length) {
         throw OstrelinkNativeException(
             "Message byte array length is less than " + std::to_string(shortestMessage), "Unknown");
     }
+    refuseWithoutHeader(message, length);
     // The channel is held by this call: another thread may make a different one current
     // meanwhile, and this message still goes where its own header pointed.
     std::shared_ptr<ITransport> channel = GetTransportChannel(message);
@@ -91,6 +102,7 @@ unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime
 
 unsigned char NativeTransmitter::DeployRuntime(unsigned char* message, int length, std::string text,
                                                unsigned char flag) {
+    refuseWithoutHeader(message, length);
     std::shared_ptr<ITransport> channel = GetTransportChannel(message);
     channel->Initialize(message[CommandHeader::callingRuntime],
                         message[CommandHeader::targetRuntime],

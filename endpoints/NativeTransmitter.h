@@ -34,6 +34,8 @@ public:
     NativeTransmitter(const NativeTransmitter&) = delete;
     NativeTransmitter& operator=(const NativeTransmitter&) = delete;
 
+    // SendCommand and DeployRuntime refuse a message without a whole header before reading a byte
+    // of it: code 034 (a short one gets SendCommand's length text there).
     int SendCommand(unsigned char* message, int length) override;
     int ReadResponse(unsigned char* buffer, int length) override;
     // Takes ownership and makes channel current for the transmitter and the calling thread. It is

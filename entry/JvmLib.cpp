@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 
 #include "endpoints/JvmNativeReceiver.h"
+#include "support/OstrelinkNativeException.h"
 
 namespace Ostrelink::Runtimes::Jvm::Native::Entry {
 
@@ -30,6 +32,19 @@ RuntimeOperationMode settleOperationMode(RuntimeOperationMode mode) {
     return current == RuntimeOperationMode::NotSet ? mode : current;
 }
 
+void throwForeignThrowable() {
+    constexpr const char* text =
+        "Ostrelink Native Exception: Exception code 035. \nA library on the way of this call "
+        "threw an exception that is not a std::exception";
+    try {
+        throw OstrelinkNativeException(text, "Unknown");
+    } catch (const std::exception&) {
+        throw;
+    } catch (...) {
+        throw std::runtime_error(text);
+    }
+}
+
 }  // namespace Ostrelink::Runtimes::Jvm::Native::Entry
 
 using namespace Ostrelink::Runtimes::Jvm::Native::Entry;
@@ -43,19 +58,24 @@ extern "C" IReceiver* CreateReceiver(RuntimeOperationMode mode) {
         existing != nullptr) {
         return existing;
     }
-    std::unique_lock<std::shared_mutex> lock(createReceiverMutex);
-    existing = receiver.load(std::memory_order_acquire);
-    if (operationMode.load(std::memory_order_acquire) != RuntimeOperationMode::NotSet &&
-        existing != nullptr) {
+    // The constructor reports through the configuration and telemetry libraries.
+    return withoutForeignThrowables([mode]() -> IReceiver* {
+        std::unique_lock<std::shared_mutex> lock(createReceiverMutex);
+        IReceiver* existing = receiver.load(std::memory_order_acquire);
+        if (operationMode.load(std::memory_order_acquire) != RuntimeOperationMode::NotSet &&
+            existing != nullptr) {
+            return existing;
+        }
+        const RuntimeOperationMode effective = settleOperationMode(mode);
+        if (existing == nullptr) {
+            auto created = std::make_unique<JvmNativeReceiver>(effective);
+            existing = created.release();  // the process's receiver lives until the process ends
+            receiver.store(existing, std::memory_order_release);
+        }
         return existing;
-    }
-    const RuntimeOperationMode effective = settleOperationMode(mode);
-    if (existing == nullptr) {
-        auto created = std::make_unique<JvmNativeReceiver>(effective);
-        existing = created.release();  // the process's receiver lives until the process ends
-        receiver.store(existing, std::memory_order_release);
-    }
-    return existing;
+    });
 }
 
-extern "C" IReceiver* GetReceiver() { return receiver.load(std::memory_order_acquire); }
+extern "C" IReceiver* GetReceiver() {
+    return receiver.load(std::memory_order_acquire);
+}

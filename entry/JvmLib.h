@@ -3,6 +3,7 @@
 #include <jni.h>
 
 #include <atomic>
+#include <exception>
 #include <shared_mutex>
 #include <string>
 
@@ -27,6 +28,24 @@ extern std::shared_mutex setOperationModeForTransmitterMutex;
 // Stores mode if none is set yet (only one writer can win) and returns the mode in force.
 Ostrelink::Native::Definitions::RuntimeOperationMode settleOperationMode(
     Ostrelink::Native::Definitions::RuntimeOperationMode mode);
+
+// Throws the failure of code 035: something that is not a std::exception came out of a call.
+// Should its report meet such a throwable too, a plain std::runtime_error of the same text goes.
+[[noreturn]] void throwForeignThrowable();
+
+// Runs body; a std::exception goes on unchanged, anything else (a sibling library may throw a
+// plain struct) becomes code 035. Neither the JVM nor a host can do anything with a throwable
+// of a type it doesn't know, and in a JNI native it would end the process.
+template <typename Body>
+auto withoutForeignThrowables(Body&& body) -> decltype(body()) {
+    try {
+        return body();
+    } catch (const std::exception&) {
+        throw;
+    } catch (...) {
+        throwForeignThrowable();
+    }
+}
 
 }  // namespace Ostrelink::Runtimes::Jvm::Native::Entry
 

@@ -1,12 +1,13 @@
 // The exported settings and the Java natives of com.ostrelink.core.transmitter.TransmitterWrapper.
-// Every native but getNativeError turns a std::exception into its own failure code and leaves
-// the text for getNativeError; no C++ exception of the standard family reaches the JVM.
+// Every native but getNativeError turns a failure into its own failure code and leaves the text
+// for getNativeError; no C++ throwable of any type reaches the JVM, which would end the process.
 
 #include <jni.h>
 
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,11 +131,11 @@ unsigned char lowByte(jint value) {
     return static_cast<unsigned char>(value & 0xFF);
 }
 
-// Runs body; a std::exception becomes errorMessage and the failure code.
+// Runs body; a failure of any type becomes errorMessage and the failure code.
 template <typename Body>
 jint guarded(jint failureCode, Body&& body) {
     try {
-        return std::forward<Body>(body)();
+        return withoutForeignThrowables(std::forward<Body>(body));
     } catch (const std::exception& exception) {
         setErrorMessage(exception.what());
         return failureCode;
@@ -158,12 +159,13 @@ void AtStartUp() {
     }
 }
 
+// Both reach the configuration library, which may throw anything.
 int SetConfigSource(std::string source) {
-    return ConfigHandler::SetConfigSource(source);
+    return withoutForeignThrowables([&] { return ConfigHandler::SetConfigSource(source); });
 }
 
 int SetWorkingDirectoryPath(std::string path) {
-    return ConfigHandler::SetWorkingDirectory(path);
+    return withoutForeignThrowables([&] { return ConfigHandler::SetWorkingDirectory(path); });
 }
 
 extern "C" {
@@ -263,7 +265,11 @@ JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_se
 
 JNIEXPORT jstring JNICALL
 Java_com_ostrelink_core_transmitter_TransmitterWrapper_getNativeError(JNIEnv* env, jclass) {
-    return env->NewStringUTF(readErrorMessage().c_str());
+    try {
+        return env->NewStringUTF(readErrorMessage().c_str());
+    } catch (const std::bad_alloc&) {
+        return nullptr;  // no memory for a copy of the text: Java gets null
+    }
 }
 
 }  // extern "C"

@@ -80,24 +80,28 @@ TransportInMemory::~TransportInMemory() {
 int TransportInMemory::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
                                   unsigned char runtimeVersion) {
     std::lock_guard<std::mutex> lock(initializationMutex);
-    if (m_libraries[callingRuntime] != nullptr && m_libraries[calledRuntime] != nullptr) {
+    const std::pair<unsigned char, unsigned char> pair{callingRuntime, calledRuntime};
+    if ((m_libraries[callingRuntime] != nullptr || m_failedCallingHalves.count(pair) != 0) &&
+        m_libraries[calledRuntime] != nullptr) {
         return 0;
     }
-    m_callingRuntime = callingRuntime;
-    m_calledRuntime = calledRuntime;
-    m_runtimeVersion = runtimeVersion;
+    m_lastPair.store(
+        static_cast<std::uint32_t>(callingRuntime | calledRuntime << 8 | runtimeVersion << 16),
+        std::memory_order_release);
 
     ImportCalledLibrary();
     CreateReceiverInCalledRuntime();
     CreateTransmitterInCalledRuntime();
 
     // A sender whose own library can't be set up still reaches the called runtime; the
-    // exception's constructor has left the only record of it.
+    // exception's constructor has left the only record of it. The pair is not set up again:
+    // retrying would cost every later message of it a load attempt and a record, under the lock.
     try {
         ImportCallingLibrary();
         CreateReceiverInCallingRuntime();
         CreateTransmitterInCallingRuntime();
     } catch (const OstrelinkNativeException&) {
+        m_failedCallingHalves.insert(pair);
     }
     return 0;
 }
@@ -107,13 +111,19 @@ int TransportInMemory::SendCommand(unsigned char* message, int length) {
 }
 
 int TransportInMemory::ReadResponse(unsigned char* buffer, int length) {
+    if (buffer == nullptr || length < 1) {
+        fail("033",
+             "Response buffer is null or empty: its first byte names the runtime to read "
+             "from");
+    }
     return receiverOf(buffer[CommandHeader::targetRuntime])->ReadResponse(buffer, length);
 }
 
 unsigned char TransportInMemory::SetEmbeddedRuntime(unsigned char, unsigned char,
                                                     unsigned char runtimeVersion,
                                                     std::string path) {
-    return receiverOf(m_calledRuntime)->SetEmbeddedRuntime(runtimeVersion, std::move(path));
+    return receiverOf(lastPair().calledRuntime)
+        ->SetEmbeddedRuntime(runtimeVersion, std::move(path));
 }
 
 unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int length, std::string text,
@@ -123,7 +133,7 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
             fail("028", "DeployRuntime loops back to the transmitter that sent it");
         }
     }
-    const std::shared_ptr<ITransmitter> target = transmitterOf(m_calledRuntime);
+    const std::shared_ptr<ITransmitter> target = transmitterOf(lastPair().calledRuntime);
     const DeployScope scope{this, deploying};
     deploying = &scope;
     struct Leave {
@@ -134,39 +144,41 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
 }
 
 void TransportInMemory::ImportCalledLibrary() {
-    importLibrary(m_calledRuntime);
+    importLibrary(lastPair().calledRuntime);
 }
 
 void TransportInMemory::CreateReceiverInCalledRuntime() {
-    createReceiver(m_calledRuntime, RuntimeOperationMode::Called, "014", "015");
+    createReceiver(lastPair().calledRuntime, RuntimeOperationMode::Called, "014", "015");
 }
 
 void TransportInMemory::CreateTransmitterInCalledRuntime() {
-    createTransmitter(m_calledRuntime, RuntimeOperationMode::Called);
+    createTransmitter(lastPair().calledRuntime, RuntimeOperationMode::Called);
 }
 
 void TransportInMemory::ImportCallingLibrary() {
-    importLibrary(m_callingRuntime);
+    importLibrary(lastPair().callingRuntime);
 }
 
 void TransportInMemory::CreateReceiverInCallingRuntime() {
-    createReceiver(m_callingRuntime, RuntimeOperationMode::Calling, "017", "018");
+    createReceiver(lastPair().callingRuntime, RuntimeOperationMode::Calling, "017", "018");
 }
 
 void TransportInMemory::CreateTransmitterInCallingRuntime() {
-    createTransmitter(m_callingRuntime, RuntimeOperationMode::Calling);
+    createTransmitter(lastPair().callingRuntime, RuntimeOperationMode::Calling);
 }
 
 void TransportInMemory::SendHeartBeatToCalledRuntime() {
     std::puts("SendHeartBeatToCalledRuntime");
     std::fflush(stdout);
-    sendHeartBeat(m_calledRuntime, m_runtimeVersion, m_callingRuntime);
+    const LastPair pair = lastPair();
+    sendHeartBeat(pair.calledRuntime, pair.runtimeVersion, pair.callingRuntime);
 }
 
 void TransportInMemory::SendHeartBeatToCallingRuntime() {
     std::puts("SendHeartBeatToCallingRuntime");
     std::fflush(stdout);
-    sendHeartBeat(m_callingRuntime, 0, m_calledRuntime);
+    const LastPair pair = lastPair();
+    sendHeartBeat(pair.callingRuntime, 0, pair.calledRuntime);
 }
 
 void TransportInMemory::importLibrary(int code) {
@@ -192,7 +204,8 @@ void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, cons
         reinstall(nullCode);
     }
     // A receiver whose Initialize throws is not stored; the next attempt asks the factory again.
-    created->Initialize(m_callingRuntime, m_calledRuntime, m_runtimeVersion);
+    const LastPair pair = lastPair();
+    created->Initialize(pair.callingRuntime, pair.calledRuntime, pair.runtimeVersion);
     std::atomic_store(&entry, borrowed(created));
 }
 
@@ -224,6 +237,12 @@ void TransportInMemory::sendHeartBeat(unsigned char targetRuntime, unsigned char
     message[11] = 0x31;
     message[12] = 0x32;
     receiverOf(targetRuntime)->SendCommand(message.get(), length);
+}
+
+TransportInMemory::LastPair TransportInMemory::lastPair() const {
+    const std::uint32_t packed = m_lastPair.load(std::memory_order_acquire);
+    return {static_cast<unsigned char>(packed), static_cast<unsigned char>(packed >> 8),
+            static_cast<unsigned char>(packed >> 16)};
 }
 
 std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "contracts/IReceiver.h"
 #include "contracts/ITransmitter.h"
@@ -36,12 +40,15 @@ public:
                    unsigned char runtimeVersion) override;
     // Goes to the receiver of message[0].
     int SendCommand(unsigned char* message, int length) override;
-    // Goes to the receiver of buffer[0]: the caller puts the target runtime there first.
+    // Goes to the receiver of buffer[0]: the caller puts the target runtime there first. A null
+    // or empty buffer has no such byte: code 033.
     int ReadResponse(unsigned char* buffer, int length) override;
+    // Goes to the called runtime of the last pair that Initialize set up, not to calledRuntime.
     unsigned char SetEmbeddedRuntime(unsigned char callingRuntime, unsigned char calledRuntime,
                                      unsigned char runtimeVersion, std::string path) override;
-    // Goes to the called runtime's transmitter. Throws code 028 if that transmitter sends the
-    // call back into this same channel on this thread, which would recurse without end.
+    // Goes to the transmitter of the called runtime of that same last pair. Throws code 028 if that
+    // transmitter sends the call back into this same channel on this thread, which would recurse
+    // without end.
     unsigned char DeployRuntime(unsigned char* message, int length, std::string text,
                                 unsigned char flag) override;
 
@@ -66,12 +73,23 @@ private:
     std::shared_ptr<Interfaces::IReceiver> receiverOf(int code) const;
     std::shared_ptr<Interfaces::ITransmitter> transmitterOf(int code) const;
 
-    unsigned char m_callingRuntime = 100;  // 100: no runtime yet
-    unsigned char m_calledRuntime = 100;
-    unsigned char m_runtimeVersion = 100;
+    struct LastPair {
+        unsigned char callingRuntime;
+        unsigned char calledRuntime;
+        unsigned char runtimeVersion;
+    };
+    LastPair lastPair() const;
+
+    // The last pair that went past Initialize's early return, with its version, one byte each.
+    // Written under initializationMutex, read without it by SetEmbeddedRuntime, DeployRuntime
+    // and the heartbeats on any thread: one atomic word, so a reader never sees half of a pair.
+    std::atomic<std::uint32_t> m_lastPair{0x646464};  // 100, 100, 100: no runtime yet
     std::map<int, std::shared_ptr<Interfaces::IReceiver>> m_receivers;
     std::map<int, std::shared_ptr<Interfaces::ITransmitter>> m_transmitters;
     std::map<int, void*> m_libraries;
+    // Pairs (calling, called) whose called half is set up and whose calling half failed. Under
+    // initializationMutex.
+    std::set<std::pair<unsigned char, unsigned char>> m_failedCallingHalves;
 };
 
 }  // namespace Ostrelink::Native::Transport

@@ -49,6 +49,9 @@ int TransportNetwork::Initialize(unsigned char callingRuntime, unsigned char cal
     if (!m_channel) {
         reinstall("013");
     }
+    if (m_client.load(std::memory_order_relaxed) == nullptr) {
+        m_client.store(m_channel.get(), std::memory_order_release);
+    }
     return 0;
 }
 
@@ -124,10 +127,11 @@ int TransportNetwork::createClientChannel(void* library, std::shared_ptr<ITransp
 }
 
 ITransport& TransportNetwork::channel() const {
-    if (!m_channel) {
+    ITransport* client = m_client.load(std::memory_order_acquire);
+    if (client == nullptr) {
         reinstall("013");
     }
-    return *m_channel;
+    return *client;
 }
 
 }  // namespace Ostrelink::Native::Transport

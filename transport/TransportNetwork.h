@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,9 +17,9 @@ namespace Ostrelink::Native::Transport {
 //
 // Threads. Several threads may send their first message to one host and port at once, so
 // Initialize runs under m_initializeMutex: the library is loaded, the client object made and its
-// Initialize called once, and m_channel is written once, before any SendCommand of a thread
-// that passed Initialize can read it. Whether the client object itself may be used by several
-// threads at once is the client library's business.
+// Initialize called once, and m_channel is written once. SendCommand and ReadResponse take no
+// lock: they read the client object from m_client, published once it is whole. Whether the
+// client object itself may be used by several threads at once is the client library's business.
 class TransportNetwork : public Interfaces::ITransport {
 public:
     // Stores its arguments; loads nothing and connects nowhere.
@@ -57,6 +58,10 @@ private:
     std::shared_ptr<Interfaces::ITransport> m_tcpChannel;
     std::shared_ptr<Interfaces::ITransport> m_tcpTlsChannel;
     std::shared_ptr<Interfaces::ITransport> m_channel;
+    // m_channel's object, published with release ordering once m_channel is set. SendCommand and
+    // ReadResponse read it without m_initializeMutex: a thread that never sent reads from the
+    // transmitter's current channel, whose first Initialize may be running on another thread.
+    std::atomic<Interfaces::ITransport*> m_client{nullptr};
     Interfaces::CreateTransportChannelFn m_createTransportChannel = nullptr;
     std::string m_host;
     unsigned short m_port;

@@ -26,6 +26,11 @@ using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char neverCalled = 0xFE;
 
+// Thrown on request: a throwable of no standard type, as foreign code may throw.
+struct PlainStruct {
+    int value = 0;
+};
+
 // Everything the library records, for the query commands of README.md.
 struct Record {
     std::mutex mutex;
@@ -134,6 +139,9 @@ private:
         const std::string text = payloadText(message, length);
         if (text == "fail") {
             throw CppRuntimeError("Cpp runtime: command failed on request");
+        }
+        if (text == "throw struct") {
+            throw PlainStruct{};
         }
         if (text == "exception") {
             return reply(message, static_cast<unsigned char>(CommandType::ExceptionReply),

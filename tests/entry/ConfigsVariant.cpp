@@ -1,13 +1,18 @@
 // A broken Configs library for the facade's failure rules. Of the sixteen exports it has only
-// three: SetConfigSource and GetChannelHost throw, GetProxyPort answers. GetLoggingLevel,
-// GetWorkingDirectory and the rest are missing.
+// three: SetConfigSource (a plain struct for "throw struct") and GetChannelHost throw, GetProxyPort
+// answers. GetLoggingLevel, GetWorkingDirectory and the rest are missing.
 
 #include <stdexcept>
 #include <string>
 
 #define VARIANT_EXPORT extern "C" __attribute__((visibility("default")))
 
-VARIANT_EXPORT int SetConfigSource(const char*) {
+struct PlainStruct {};
+
+VARIANT_EXPORT int SetConfigSource(const char* source) {
+    if (std::string(source) == "throw struct") {
+        throw PlainStruct{};
+    }
     throw std::runtime_error("Configs variant: source refused");
 }
 

@@ -326,6 +326,13 @@ TEST_F(BrokenConfigs, AThrowingSetterIsWrappedOnce) {
         EXPECT_EQ(std::string(exception.what()), "Configs variant: source refused");
     }
     EXPECT_THAT(loggedMessages(), ElementsAre("Configs variant: source refused"));
+    // What is not a std::exception leaves the export as one, with a text of its own.
+    try {
+        library.setConfigSource("throw struct");
+        FAIL() << "SetConfigSource returned";
+    } catch (const std::exception& exception) {
+        EXPECT_THAT(exception.what(), HasSubstr("Exception code 035"));
+    }
 }
 
 TEST_F(BrokenConfigs, OtherFailuresKeepTheirTextAndTheDefaultLevel) {

@@ -3,8 +3,12 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -132,12 +136,55 @@ TEST(Selection, ClientObjectIsInitializedOnceWithTheFirstMessagesRuntimes) {
                             "send tcp 127.0.0.1:7000"));
 }
 
-TEST(Selection, ShortMessagesAreRefusedBeforeAnyByteIsRead) {
+// Bytes that end where an unreadable page begins: a read past their end faults.
+class PageEdge {
+public:
+    explicit PageEdge(const Bytes& bytes)
+        : m_page(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))) {
+        m_base = static_cast<unsigned char*>(
+            mmap(nullptr, 2 * m_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        EXPECT_NE(m_base, MAP_FAILED);
+        EXPECT_EQ(mprotect(m_base + m_page, m_page, PROT_NONE), 0);
+        m_bytes = m_base + m_page - bytes.size();
+        std::memcpy(m_bytes, bytes.data(), bytes.size());
+    }
+    ~PageEdge() { munmap(m_base, 2 * m_page); }
+    PageEdge(const PageEdge&) = delete;
+    PageEdge& operator=(const PageEdge&) = delete;
+    unsigned char* data() const { return m_bytes; }
+
+private:
+    std::size_t m_page;
+    unsigned char* m_base;
+    unsigned char* m_bytes;
+};
+
+TEST(Selection, ShortMessagesAndBuffersAreRefusedBeforeAnyByteIsRead) {
     ITransmitter* sender = transmitter();
     Bytes message = networkMessage(tcp, local, 9000);
     for (int length : {10, 0, -1}) {
         EXPECT_EQ(thrownText([&] { sender->SendCommand(message.data(), length); }),
                   "Message byte array length is less than 11");
+    }
+    // In memory, the read's first byte picks the runtime.
+    sendAndRead(sender, routedMessage(cpp, jvm, inMemory), cpp);
+    const PageEdge five(Bytes(message.begin(), message.begin() + 5));
+    const PageEdge none(Bytes{});
+    const std::string noHeader =
+        "Ostrelink Native Exception: Exception code 034. \nMessage is null or shorter than its "
+        "11-byte header";
+    const std::string noBuffer =
+        "Ostrelink Native Exception: Exception code 033. \nResponse buffer is null or empty: its "
+        "first byte names the runtime to read from";
+    const std::pair<std::function<void()>, std::string> refused[] = {
+        {[&] { sender->SendCommand(nullptr, 11); }, noHeader},
+        {[&] { sender->DeployRuntime(nullptr, 11, "", 0); }, noHeader},
+        {[&] { sender->DeployRuntime(five.data(), 5, "", 0); }, noHeader},
+        {[&] { sender->ReadResponse(nullptr, 1); }, noBuffer},
+        {[&] { sender->ReadResponse(none.data(), 0); }, noBuffer},
+    };
+    for (const auto& [call, text] : refused) {
+        EXPECT_EQ(thrownText(call), text);
     }
     EXPECT_THAT(events(tcpClient), IsEmpty());
 

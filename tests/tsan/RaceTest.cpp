@@ -199,6 +199,72 @@ TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChan
     EXPECT_EQ(sendAndRead(transmitter, message), message);
 }
 
+// Messages to a runtime that is not installed go past Initialize's early return and store their
+// pair each time, while other threads read the stored pair to pick the target of
+// SetEmbeddedRuntime and DeployRuntime.
+TEST(InMemoryChannelRace, EmbeddedAndDeployReadTheLastPairWhileOtherThreadsStoreOne) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    Bytes deploy = makeMessage(cppRuntime, 0, "deploy");
+    std::atomic<int> unclear{0};
+    runTogether(4, [&](std::size_t thread) {
+        for (std::size_t round = 0; round < 200; ++round) {
+            Bytes missing = makeMessage(missingRuntime, 0, taggedPayload(thread, round));
+            try {
+                switch ((thread + round) % 3) {
+                    case 0:
+                        transmitter->SendCommand(missing.data(), static_cast<int>(missing.size()));
+                        ++unclear;  // the runtime is not installed
+                        break;
+                    case 1:
+                        transmitter->SetEmbeddedRuntime(cppRuntime, cppRuntime, 0, "/opt");
+                        break;
+                    default:
+                        transmitter->DeployRuntime(deploy.data(), static_cast<int>(deploy.size()),
+                                                   "", 0);
+                        break;
+                }
+            } catch (const std::exception& exception) {
+                // Not installed (001), or the last pair names the missing runtime (019).
+                if (std::string(exception.what()).find("Exception code 0") == std::string::npos) {
+                    ++unclear;
+                }
+            }
+        }
+    });
+    EXPECT_EQ(unclear.load(), 0);
+}
+
+// A thread that never sent reads from the transmitter's current channel, which may be a network
+// channel whose first Initialize makes its client object on another thread right then.
+TEST(NetworkChannelRace, ReadsOfAThreadThatNeverSentMeetTheFirstInitializeOfNewChannels) {
+    quietFailures();
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
+    std::atomic<bool> sending{true};
+    std::atomic<int> answered{0};
+    runTogether(2, [&](std::size_t thread) {
+        if (thread == 0) {
+            // Port 1 of loopback addresses refuses at once; each address is a new channel.
+            for (unsigned char host = 1; host <= 100; ++host) {
+                Bytes message = makeMessage(jvmRuntime, 0, "x");
+                setRoute(message, 1, {127, 0, 0, host}, 1);
+                throwsWith([&] { sendAndRead(transmitter, message); }, "");
+            }
+            sending = false;
+            return;
+        }
+        Bytes buffer(16, jvmRuntime);
+        while (sending) {
+            // Nothing was sent from here: every read fails, with no channel yet (029), a
+            // client object not made yet (013) or no reply stored in the client.
+            if (!throwsWith([&] { transmitter->ReadResponse(buffer.data(), 16); }, "")) {
+                ++answered;
+            }
+        }
+    });
+    EXPECT_EQ(answered.load(), 0);
+}
+
 // Sibling libraries are loaded on first need and their handles kept: first needs that meet on
 // several threads must not race on the kept handle. Each network channel has a lock of its own,
 // so two channels load the TCP client library at once. Only the first load of a process can

@@ -242,6 +242,10 @@ public final class NativesProbe {
 
         expect(TransmitterWrapper.sendCommand(message(CPP, "fail")), -2, "sendCommand(fail)");
         expectError("Cpp runtime: command failed on request");
+        expect(TransmitterWrapper.sendCommand(message(CPP, "throw struct")), -2,
+                "sendCommand(throw struct)");
+        expectError("Ostrelink Native Exception: Exception code 035. \nA library on the way of "
+                + "this call threw an exception that is not a std::exception");
 
         byte[] unknownConnection = message(CPP, "");
         unknownConnection[2] = 7;
