@@ -36,23 +36,48 @@ int NativeReceiver::Initialize(unsigned char callingRuntime, unsigned char calle
     if (m_launcher->IsInitialized()) {
         return 0;
     }
+    const unsigned runsBefore = m_initializeRuns.load();
+    const std::lock_guard<std::mutex> lock(m_initializeMutex);
+    if (m_initializeRuns.load() != runsBefore) {
+        // A run ended while this thread waited: its result is this call's result.
+        if (m_initializeFailure) {
+            std::rethrow_exception(m_initializeFailure);
+        }
+        return 0;
+    }
+    if (m_launcher->IsInitialized()) {
+        return 0;
+    }
+    try {
+        RunInitialize(callingRuntime, calledRuntime, runtimeVersion);
+    } catch (...) {
+        m_initializeFailure = std::current_exception();
+        ++m_initializeRuns;
+        throw;
+    }
+    m_initializeFailure = nullptr;
+    ++m_initializeRuns;
+    return 0;
+}
+
+void NativeReceiver::RunInitialize(unsigned char callingRuntime, unsigned char calledRuntime,
+                                   unsigned char runtimeVersion) {
     m_callingRuntime = callingRuntime;
     m_calledRuntime = calledRuntime;
     m_launcher->Initialize(runtimeVersion);
     m_launcher->SetInitialized();
     if (m_operationMode != RuntimeOperationMode::Called) {
-        return 0;
+        return;
     }
-    AppInsightLogger::AppInsightLogger::LogMessage(
-        "Native message", runtimeName(m_calledRuntime) + " initialized",
-        runtimeName(m_callingRuntime));
+    AppInsightLogger::AppInsightLogger::LogMessage("Native message",
+                                                   runtimeName(m_calledRuntime) + " initialized",
+                                                   runtimeName(m_callingRuntime));
     const int loggingLevel = ConfigHandler::ConfigHandler::GetLoggingLevel();
     if (m_runtimeInfoPrinted || loggingLevel == 0) {
-        return 0;
+        return;
     }
     std::cout << m_launcher->GetRuntimeInfo() << std::endl;
     m_runtimeInfoPrinted = true;
-    return 0;
 }
 
 int NativeReceiver::SendCommand(unsigned char* message, int length) {

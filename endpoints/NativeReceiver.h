@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+#include <exception>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "contracts/ILauncher.h"
@@ -10,8 +13,9 @@
 namespace Ostrelink::Native::Receiver {
 
 // The inbound endpoint of any runtime library: owns its launcher, forwards commands to it, and
-// reports the runtime's start and exception replies to telemetry. Holds no lock: its fields are
-// written only in Initialize, which callers serialise.
+// reports the runtime's start and exception replies to telemetry. Initialize may be called by
+// any number of threads at once: one runs it, and those that arrive meanwhile wait for that run
+// and get its result.
 class NativeReceiver : public Interfaces::IReceiver {
 public:
     int SetConfigSource(std::string source) override;
@@ -28,11 +32,22 @@ public:
 protected:
     explicit NativeReceiver(Definitions::RuntimeOperationMode mode) : m_operationMode(mode) {}
 
-    unsigned char m_callingRuntime = 255;  // 255: no runtime yet
-    unsigned char m_calledRuntime = 255;
+    // Written by Initialize, read by LogException on any thread. 255: no runtime yet.
+    std::atomic<unsigned char> m_callingRuntime{255};
+    std::atomic<unsigned char> m_calledRuntime{255};
     bool m_runtimeInfoPrinted = false;
     std::unique_ptr<Interfaces::ILauncher> m_launcher;
     const Definitions::RuntimeOperationMode m_operationMode;
+
+private:
+    void RunInitialize(unsigned char callingRuntime, unsigned char calledRuntime,
+                       unsigned char runtimeVersion);
+
+    // Held through a run of Initialize. A run ends by counting itself in m_initializeRuns and
+    // leaving its failure, if any, for the threads that waited for it.
+    std::mutex m_initializeMutex;
+    std::atomic<unsigned> m_initializeRuns{0};
+    std::exception_ptr m_initializeFailure;
 };
 
 }  // namespace Ostrelink::Native::Receiver

@@ -72,7 +72,10 @@ JvmLauncher::~JvmLauncher() {
     m_replyStoreLink->launcher = nullptr;
 }
 
+// Under the start's lock: a command that needs the JVM meanwhile waits for the library that this
+// binds, and the fields written here are read by the start.
 void JvmLauncher::Initialize(unsigned char /*runtimeVersion*/) {
+    const std::lock_guard<std::mutex> lock(m_jvmInitMutex);
     SetJvmRuntimePath();
     LoadJvmSharedLibraryAndExportedFunctions();
     GetFunctionsPointers();

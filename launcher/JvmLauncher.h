@@ -112,7 +112,9 @@ private:
     ReplyStore m_responses;
     const std::string m_runtimeName = "Jvm";
     jint m_jniVersion = 0;
+    // Held by Initialize and by the start of the JVM.
     std::mutex m_jvmInitMutex;
+    // Guards m_librariesToLoad and m_jvmLibraryPath, which the runtime info reads on any thread.
     std::mutex m_librariesMutex;
     std::mutex m_byteArrayMutex;
     std::mutex m_responsesMutex;

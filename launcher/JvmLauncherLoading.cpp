@@ -52,8 +52,12 @@ void JvmLauncher::LoadJvmSharedLibraryAndExportedFunctions() {
                                       m_jvmRuntimePath + OSTRELINK_JVM_CANDIDATE_JRE,
                                       m_jvmRuntimePath + OSTRELINK_JVM_CANDIDATE_JDK};
     for (const auto& candidate : candidates) {
-        m_jvmLibraryPath = candidate;
-        m_jvmLibraryHandle = dlopen(m_jvmLibraryPath.c_str(), RTLD_LAZY);
+        {
+            // The runtime info reads it on any thread.
+            const std::lock_guard<std::mutex> lock(m_librariesMutex);
+            m_jvmLibraryPath = candidate;
+        }
+        m_jvmLibraryHandle = dlopen(candidate.c_str(), RTLD_LAZY);
         if (m_jvmLibraryHandle != nullptr) {
             return;
         }

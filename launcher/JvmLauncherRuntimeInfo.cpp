@@ -76,8 +76,13 @@ std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
 }
 
 std::string JvmLauncher::GetRuntimeInfoFromNativeLevel() {
+    std::string libraryPath;
+    {
+        const std::lock_guard<std::mutex> lock(m_librariesMutex);
+        libraryPath = m_jvmLibraryPath;
+    }
     std::ostringstream text;
     text << "JVM Native Launcher Runtime Info: " << std::endl
-         << "JVM shared library search path: " << m_jvmLibraryPath;
+         << "JVM shared library search path: " << libraryPath;
     return text.str();
 }

@@ -60,8 +60,10 @@ int JvmLauncher::InitializeJvm() {
         std::vector<JavaVM*> created(static_cast<std::size_t>(m_createdJvmCount), nullptr);
         m_getCreatedJavaVMs(created.data(), static_cast<jsize>(created.size()), &m_createdJvmCount);
         m_jvm = created[0];
-        // Stays attached; an attached thread is left as it is.
-        m_jvm->AttachCurrentThread(reinterpret_cast<void**>(&m_JvmEnv), nullptr);
+        // Often a thread of another runtime that calls back into the JVM it lives in, and stays
+        // attached: as a daemon, so that the Java program can still exit. A thread attached
+        // already keeps its attachment and its status.
+        m_jvm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&m_JvmEnv), nullptr);
     } else if (m_operationMode == RuntimeOperationMode::Calling) {
         // Nothing to adopt: m_jvm stays null, and commands that need Java get code 050.
         return 0;

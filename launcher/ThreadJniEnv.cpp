@@ -5,13 +5,7 @@
 
 #include "support/OstrelinkNativeException.h"
 
-std::unique_ptr<ThreadJniEnv> threadJniEnv;
-
 namespace {
-
-// True on the thread that filled threadJniEnv. Thread-local rather than a thread id: the id of
-// a thread that has ended is handed to the next new thread, which must not get the old env.
-thread_local bool ownsThreadJniEnv = false;
 
 [[noreturn]] void printAndThrow(const std::string& text) {
     std::cout << text << std::endl;
@@ -20,7 +14,7 @@ thread_local bool ownsThreadJniEnv = false;
 
 }  // namespace
 
-ThreadJniEnv::ThreadJniEnv(JavaVM* jvm) {
+ThreadJniEnv::ThreadJniEnv(JavaVM* jvm, Attach attach) {
     if (jvm == nullptr) {
         throw OstrelinkNativeException("ThreadJniEnv: JavaVM pointer is null", "Unknown");
     }
@@ -29,7 +23,11 @@ ThreadJniEnv::ThreadJniEnv(JavaVM* jvm) {
     m_attached = false;
     const jint result = jvm->GetEnv(reinterpret_cast<void**>(&m_jniEnv), JNI_VERSION_1_8);
     if (result == JNI_EDETACHED) {
-        if (jvm->AttachCurrentThread(reinterpret_cast<void**>(&m_jniEnv), nullptr) != JNI_OK) {
+        void** env = reinterpret_cast<void**>(&m_jniEnv);
+        const jint attached = attach == Attach::AsDaemon
+                                  ? jvm->AttachCurrentThreadAsDaemon(env, nullptr)
+                                  : jvm->AttachCurrentThread(env, nullptr);
+        if (attached != JNI_OK) {
             printAndThrow("ThreadJniEnv: failed to attach thread to JVM");
         }
         m_attached = true;
@@ -53,20 +51,12 @@ ThreadJniEnv::~ThreadJniEnv() {
     }
 }
 
+// Thread-local rather than keyed by thread id: the id of a thread that has ended is handed to
+// the next new thread, which must not get the old environment.
 JNIEnv* getJniEnvForThread(JavaVM* jvm) {
-    if (threadJniEnv == nullptr) {
-        auto env = std::make_unique<ThreadJniEnv>(jvm);
-        ownsThreadJniEnv = true;
-        threadJniEnv = std::move(env);
-        return threadJniEnv->m_jniEnv;
-    }
-    if (ownsThreadJniEnv) {
-        return threadJniEnv->m_jniEnv;
-    }
-    // Ends with its thread and detaches it then, if it was the one that attached it.
     thread_local std::unique_ptr<ThreadJniEnv> ownEnv;
     if (ownEnv == nullptr) {
-        ownEnv = std::make_unique<ThreadJniEnv>(jvm);
+        ownEnv = std::make_unique<ThreadJniEnv>(jvm, ThreadJniEnv::Attach::AsDaemon);
     }
     return ownEnv->m_jniEnv;
 }

@@ -9,9 +9,12 @@
 // when it was the one that attached. Nesting is therefore safe.
 // Hazard: the detach acts on the current thread, so destroy the object on the thread that made
 // it, and never while that thread still holds Java frames or local references of its own.
+// An attachment as a daemon never holds up the JVM's shutdown (DestroyJavaVM waits for every
+// other non-daemon thread); a plain one makes the shutdown wait until the object is gone.
 class ThreadJniEnv {
 public:
-    explicit ThreadJniEnv(JavaVM* jvm);
+    enum class Attach { Plain, AsDaemon };
+    explicit ThreadJniEnv(JavaVM* jvm, Attach attach = Attach::Plain);
     ~ThreadJniEnv();
     ThreadJniEnv(const ThreadJniEnv&) = delete;
     ThreadJniEnv& operator=(const ThreadJniEnv&) = delete;
@@ -23,11 +26,8 @@ private:
     bool m_attached = false;
 };
 
-// The environment of the thread that created the JVM; keeps that thread attached until the
-// process ends. One slot for the process, not one per thread.
-extern std::unique_ptr<ThreadJniEnv> threadJniEnv;
-
-// The first caller fills threadJniEnv and gets its environment. A later caller on the same thread
-// gets the same environment; a caller on any other thread gets one of its own, attached until
-// that thread ends, never the first caller's (a JNIEnv* is good on one thread only).
+// The environment of the calling thread for the rest of its life: a thread that is not attached
+// yet is attached as a daemon, so that it never keeps the JVM from exiting, and detached when it
+// ends. Later calls on the same thread give the same environment, whatever they pass; a JNIEnv*
+// is good on one thread only, so every thread gets its own.
 JNIEnv* getJniEnvForThread(JavaVM* jvm);

@@ -101,25 +101,47 @@ TEST(ThreadJniEnv, ANullJvmIsRefused) {
     }
 }
 
-// The first caller's environment stays its own: the same thread gets it again whatever it
-// passes, and another thread gets one of its own, never the first caller's.
-TEST(GetJniEnvForThread, EachThreadGetsAnEnvironmentOfItsOwn) {
+// A static int or an instance boolean method of java.lang.Thread, on the current thread.
+jint callThreadMethod(JNIEnv* env, const char* name) {
+    const jclass thread = env->FindClass("java/lang/Thread");
+    EXPECT_FALSE(env->ExceptionCheck());
+    jint result = 0;
+    if (std::string(name) == "activeCount") {
+        result = env->CallStaticIntMethod(thread, env->GetStaticMethodID(thread, name, "()I"));
+    } else {
+        const jobject current = env->CallStaticObjectMethod(
+            thread, env->GetStaticMethodID(thread, "currentThread", "()Ljava/lang/Thread;"));
+        EXPECT_FALSE(env->ExceptionCheck());
+        result = env->CallBooleanMethod(current, env->GetMethodID(thread, name, "()Z"));
+        env->DeleteLocalRef(current);
+    }
+    EXPECT_FALSE(env->ExceptionCheck());
+    env->DeleteLocalRef(thread);
+    return result;
+}
+
+jint liveJavaThreads(JavaVM* jvm) {
+    jint count = 0;
+    onNewThread([&] { count = callThreadMethod(ThreadJniEnv(jvm).m_jniEnv, "activeCount"); });
+    return count;
+}
+
+// Each thread gets an environment of its own, the same whatever a later call passes, attached as
+// a daemon so that it never holds up the JVM's exit, and detached when the thread ends.
+TEST(GetJniEnvForThread, EachThreadIsAttachedAsADaemonUntilItEnds) {
     JavaVM* jvm = testJvm();
     ASSERT_NE(jvm, nullptr);
-    JNIEnv* first = nullptr;
-    onNewThread([&] {
-        first = getJniEnvForThread(jvm);
-        EXPECT_EQ(currentEnv(jvm), first);
-        EXPECT_EQ(getJniEnvForThread(nullptr), first);
-    });
-    ASSERT_NE(first, nullptr);
-    onNewThread([&] {
-        JNIEnv* second = getJniEnvForThread(jvm);
-        EXPECT_NE(second, nullptr);
-        EXPECT_NE(second, first);
-        EXPECT_EQ(currentEnv(jvm), second);
-        EXPECT_EQ(getJniEnvForThread(jvm), second);
-    });
+    const jint before = liveJavaThreads(jvm);
+    for (int i = 0; i < 2; ++i) {
+        onNewThread([&] {
+            JNIEnv* env = getJniEnvForThread(jvm);
+            ASSERT_NE(env, nullptr);
+            EXPECT_EQ(currentEnv(jvm), env);
+            EXPECT_EQ(getJniEnvForThread(nullptr), env);
+            EXPECT_TRUE(callThreadMethod(env, "isDaemon"));
+        });
+    }
+    EXPECT_EQ(liveJavaThreads(jvm), before);
 }
 
 }  // namespace

@@ -38,12 +38,12 @@ void runTogether(std::size_t count, const std::function<void(std::size_t)>& body
     }
 }
 
-void quietFailures() {
+void quietFailures(const std::string& logDirectory) {
     setenv("OSTRELINK_LOGGING_LEVEL", "off", 1);
     using SetWorkingDirectoryPathFn = int (*)(std::string);
     HostLibrary::jvmRuntime().get<SetWorkingDirectoryPathFn>(
         "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(
-        "/nonexistent/ostrelink-race-tests");
+        logDirectory);
 }
 
 std::string taggedPayload(std::size_t thread, std::size_t sequence) {

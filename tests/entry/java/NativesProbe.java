@@ -28,6 +28,10 @@ public final class NativesProbe {
         try {
             run(name, args.length > 1 ? args[1] : null);
             System.out.println("PASS " + name);
+            if (name.equals("foreignThread")) {
+                exitUnaided();
+                return;
+            }
             System.exit(0);
         } catch (Throwable failure) {
             System.out.println("FAIL " + name + ": " + failure);
@@ -132,6 +136,9 @@ public final class NativesProbe {
             case "callback":
                 callback();
                 break;
+            case "foreignThread":
+                foreignThread(directory.split(File.pathSeparator));
+                break;
             case "concurrentErrors":
                 concurrentErrors(directory);
                 break;
@@ -226,6 +233,33 @@ public final class NativesProbe {
         expect(TransmitterWrapper.readResponse(response), 0, "readResponse");
         check(Arrays.equals(response, request),
                 "reply differs from the request: " + Arrays.toString(response));
+    }
+
+    private static native String echoFromForeignThread(String runtimeLibrary);
+
+    // libraries: this case's native library, then the runtime library that TransmitterWrapper
+    // has loaded. A thread of the former calls back into this JVM through the latter and ends.
+    private static void foreignThread(String[] libraries) {
+        TransmitterWrapper.getNativeError();
+        System.load(libraries[0]);
+        String failure = echoFromForeignThread(libraries[1]);
+        check(failure == null, "the foreign thread: " + failure);
+    }
+
+    // main returns, and the JVM has to end by itself. A thread the library left attached as an
+    // ordinary thread holds it up for ever: then a daemon watchdog fails the case and ends it.
+    private static void exitUnaided() {
+        Thread watchdog = new Thread(() -> {
+            try {
+                Thread.sleep(10000);
+            } catch (InterruptedException e) {
+                return;
+            }
+            System.out.println("FAIL foreignThread: the JVM still runs 10 s after main returned");
+            Runtime.getRuntime().halt(1);
+        });
+        watchdog.setDaemon(true);
+        watchdog.start();
     }
 
     private static void channelFailures() {
