@@ -1,7 +1,7 @@
 // The network road of the library's own transmitter against servers that misbehave: each failure
 // must reach the sender as a clear text within the client's time-out, and the next message to
 // the same address must work once the peer behaves. (The client library alone against these
-// peers is in tests/network; here the failure crosses the transmitter and the network channel.)
+// peers is in tests/standins; here the failure crosses the transmitter and the network channel.)
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

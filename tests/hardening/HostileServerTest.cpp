@@ -1,7 +1,7 @@
 // ostrelink-server against clients that misbehave in bulk: a thousand connections at once,
 // storms of random bytes, frames cut off by a reset. Through it all a well-behaved client must
 // keep getting its answers, and the server must stop cleanly afterwards. (One garbage client,
-// one stalled client, one oversize frame and the connection limit are in tests/network.)
+// one stalled client, one oversize frame and the connection limit are in tests/standins.)
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -18,7 +18,7 @@
 #include <ostrelink/RuntimeFactories.h>
 
 #include "common/HostLibrary.h"
-#include "tsan/RaceSupport.h"
+#include "endpoints/RaceSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::GetReceiverFn;

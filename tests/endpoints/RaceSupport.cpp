@@ -1,4 +1,4 @@
-#include "tsan/RaceSupport.h"
+#include "endpoints/RaceSupport.h"
 
 #include <cstdlib>
 #include <thread>
