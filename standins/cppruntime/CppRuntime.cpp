@@ -4,6 +4,8 @@
 #include <ostrelink/CommandType.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -134,6 +136,11 @@ private:
         const std::string text = payloadText(message, length);
         if (text == "fail") {
             throw CppRuntimeError("Cpp runtime: command failed on request");
+        }
+        // A slow command, for what a server does with a command in progress.
+        if (text.rfind("sleep ", 0) == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(text.c_str() + 6)));
+            return Bytes(message, message + length);
         }
         if (text == "exception") {
             return reply(message, static_cast<unsigned char>(CommandType::ExceptionReply),
