@@ -52,8 +52,7 @@ void writeFrame(ByteChannel& channel, const unsigned char* data, std::size_t siz
     }
     unsigned char header[frameHeaderSize];
     encodeFrameLength(static_cast<std::uint32_t>(size), header);
-    channel.writeAll(header, frameHeaderSize, timeoutMs);
-    channel.writeAll(data, size, timeoutMs);
+    channel.writeGathered(header, frameHeaderSize, data, size, timeoutMs);
 }
 
 std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::uint32_t maxSize,
