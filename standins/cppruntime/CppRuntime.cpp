@@ -4,6 +4,8 @@
 #include <ostrelink/CommandType.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -142,6 +144,11 @@ private:
         }
         if (text == "throw struct") {
             throw PlainStruct{};
+        }
+        // A slow command, for what a server does with a command in progress.
+        if (text.rfind("sleep ", 0) == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(text.c_str() + 6)));
+            return Bytes(message, message + length);
         }
         if (text == "exception") {
             return reply(message, static_cast<unsigned char>(CommandType::ExceptionReply),

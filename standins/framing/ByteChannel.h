@@ -16,6 +16,9 @@ public:
     virtual std::size_t readSome(unsigned char* buffer, std::size_t size, int timeoutMs) = 0;
     // Writes everything, waiting up to timeoutMs each time the peer stops taking bytes.
     virtual void writeAll(const unsigned char* data, std::size_t size, int timeoutMs) = 0;
+    // Writes head and then data, in one system call whenever the peer takes them at once.
+    virtual void writeGathered(const unsigned char* head, std::size_t headSize,
+                               const unsigned char* data, std::size_t size, int timeoutMs) = 0;
     virtual const Socket& socket() const = 0;
 };
 
@@ -25,6 +28,8 @@ public:
     explicit PlainChannel(Socket socket) : m_socket(std::move(socket)) {}
     std::size_t readSome(unsigned char* buffer, std::size_t size, int timeoutMs) override;
     void writeAll(const unsigned char* data, std::size_t size, int timeoutMs) override;
+    void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
+                       std::size_t size, int timeoutMs) override;
     const Socket& socket() const override { return m_socket; }
 
 private:

@@ -1,5 +1,6 @@
 #include "Frame.h"
 
+#include <algorithm>
 #include <limits>
 #include <string>
 
@@ -8,6 +9,9 @@
 namespace Ostrelink::Network {
 
 namespace {
+
+// Bytes reserved for a frame before any of its payload has arrived.
+constexpr std::size_t firstFrameChunk = 64 * 1024;
 
 // Fills the buffer. False if the stream ended before the first byte and that is allowed.
 bool readExact(ByteChannel& channel, unsigned char* buffer, std::size_t size, int timeoutMs,
@@ -48,8 +52,7 @@ void writeFrame(ByteChannel& channel, const unsigned char* data, std::size_t siz
     }
     unsigned char header[frameHeaderSize];
     encodeFrameLength(static_cast<std::uint32_t>(size), header);
-    channel.writeAll(header, frameHeaderSize, timeoutMs);
-    channel.writeAll(data, size, timeoutMs);
+    channel.writeGathered(header, frameHeaderSize, data, size, timeoutMs);
 }
 
 std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::uint32_t maxSize,
@@ -64,8 +67,15 @@ std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::u
                                                        " bytes exceeds the limit of " +
                                                        std::to_string(maxSize) + " bytes");
     }
-    std::vector<unsigned char> payload(length);
-    readExact(channel, payload.data(), payload.size(), timeoutMs, false);
+    // The buffer grows with what has arrived, at most doubling it, so that a peer announcing a
+    // large frame and sending little costs little: a length alone must not reserve the length.
+    std::vector<unsigned char> payload;
+    std::size_t done = 0;
+    while (done < length) {
+        payload.resize(std::min<std::size_t>(length, std::max(done * 2, firstFrameChunk)));
+        readExact(channel, payload.data() + done, payload.size() - done, timeoutMs, false);
+        done = payload.size();
+    }
     return payload;
 }
 

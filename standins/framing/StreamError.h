@@ -12,6 +12,7 @@ enum class StreamFailure {
     TimedOut,        // no progress within the time-out
     Oversize,        // a frame length above the limit
     Io,              // a socket error
+    Unsent,          // the peer was gone before a write had sent any byte
     Tls,             // a TLS error, verification included
 };
 

@@ -3,11 +3,10 @@
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
+#include <sys/socket.h>
 
 #include <cerrno>
-#include <ctime>
+#include <cstdint>
 
 #include "StreamError.h"
 
@@ -15,36 +14,66 @@ namespace Ostrelink::Network {
 
 namespace {
 
-// Blocks SIGPIPE on this thread for its scope and swallows one that the scope raised.
-class SigpipeGuard {
-public:
-    SigpipeGuard() {
-        sigemptyset(&m_pipe);
-        sigaddset(&m_pipe, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &m_pipe, &m_previous);
-        sigset_t pending;
-        sigpending(&pending);
-        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
-    }
-    ~SigpipeGuard() {
-        if (!m_wasPending) {
-            sigset_t pending;
-            sigpending(&pending);
-            if (sigismember(&pending, SIGPIPE) == 1) {
-                const timespec now{};
-                sigtimedwait(&m_pipe, nullptr, &now);
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
-    }
-    SigpipeGuard(const SigpipeGuard&) = delete;
-    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+// The socket BIO of OpenSSL writes with write(), which raises SIGPIPE on a vanished peer; this
+// one sends with MSG_NOSIGNAL instead. The descriptor stays owned by the channel's Socket.
+int socketFd(BIO* bio) {
+    return static_cast<int>(reinterpret_cast<std::intptr_t>(BIO_get_data(bio)));
+}
 
-private:
-    sigset_t m_pipe;
-    sigset_t m_previous;
-    bool m_wasPending = false;
-};
+int bioWrite(BIO* bio, const char* data, int size) {
+    BIO_clear_retry_flags(bio);
+    const ssize_t sent = ::send(socketFd(bio), data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        BIO_set_retry_write(bio);
+    }
+    return static_cast<int>(sent);
+}
+
+int bioRead(BIO* bio, char* buffer, int size) {
+    BIO_clear_retry_flags(bio);
+    const ssize_t got = ::recv(socketFd(bio), buffer, static_cast<std::size_t>(size), 0);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        BIO_set_retry_read(bio);
+    } else if (got == 0) {
+        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    }
+    return static_cast<int>(got);
+}
+
+long bioControl(BIO* bio, int command, long, void*) {
+    switch (command) {
+        case BIO_CTRL_FLUSH:
+            return 1;
+        case BIO_CTRL_EOF:
+            return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
+        default:
+            return 0;
+    }
+}
+
+int bioCreate(BIO* bio) {
+    BIO_set_init(bio, 1);
+    return 1;
+}
+
+BIO* newSocketBio(int fd) {
+    static BIO_METHOD* const method = [] {
+        BIO_METHOD* made =
+            BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "ostrelink socket");
+        if (made != nullptr) {
+            BIO_meth_set_write(made, bioWrite);
+            BIO_meth_set_read(made, bioRead);
+            BIO_meth_set_ctrl(made, bioControl);
+            BIO_meth_set_create(made, bioCreate);
+        }
+        return made;
+    }();
+    BIO* bio = method != nullptr ? BIO_new(method) : nullptr;
+    if (bio != nullptr) {
+        BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
+    }
+    return bio;
+}
 
 }  // namespace
 
@@ -81,9 +110,12 @@ std::string takeTlsErrors() {
 
 TlsChannel::TlsChannel(Socket socket, SSL_CTX* context)
     : m_socket(std::move(socket)), m_ssl(SSL_new(context)) {
-    if (!m_ssl || SSL_set_fd(m_ssl.get(), m_socket.fd()) != 1) {
+    BIO* bio = m_ssl ? newSocketBio(m_socket.fd()) : nullptr;
+    if (bio == nullptr) {
         throw StreamError(StreamFailure::Tls, "cannot set up TLS: " + takeTlsErrors());
     }
+    // The SSL object owns the BIO from here on, for both directions.
+    SSL_set_bio(m_ssl.get(), bio, bio);
 }
 
 std::unique_ptr<TlsChannel> TlsChannel::connect(Socket socket, SSL_CTX* context,
@@ -105,7 +137,6 @@ std::unique_ptr<TlsChannel> TlsChannel::accept(Socket socket, SSL_CTX* context, 
 }
 
 void TlsChannel::handshake(bool client, int timeoutMs) {
-    SigpipeGuard guard;
     for (;;) {
         ERR_clear_error();
         const int result = client ? SSL_connect(m_ssl.get()) : SSL_accept(m_ssl.get());
@@ -156,7 +187,6 @@ bool TlsChannel::settle(int result, int timeoutMs, const char* action) {
 }
 
 std::size_t TlsChannel::readSome(unsigned char* buffer, std::size_t size, int timeoutMs) {
-    SigpipeGuard guard;
     for (;;) {
         ERR_clear_error();
         errno = 0;
@@ -172,7 +202,6 @@ std::size_t TlsChannel::readSome(unsigned char* buffer, std::size_t size, int ti
 }
 
 void TlsChannel::writeAll(const unsigned char* data, std::size_t size, int timeoutMs) {
-    SigpipeGuard guard;
     while (size > 0) {
         ERR_clear_error();
         errno = 0;
@@ -186,6 +215,17 @@ void TlsChannel::writeAll(const unsigned char* data, std::size_t size, int timeo
         if (!settle(result, timeoutMs, "TLS send")) {
             throw StreamError(StreamFailure::Closed, "TLS send failed: connection closed");
         }
+    }
+}
+
+void TlsChannel::writeGathered(const unsigned char* head, std::size_t headSize,
+                               const unsigned char* data, std::size_t size, int timeoutMs) {
+    m_gathered.assign(head, head + headSize);
+    m_gathered.insert(m_gathered.end(), data, data + size);
+    writeAll(m_gathered.data(), m_gathered.size(), timeoutMs);
+    // A pooled connection should not hold on to the largest frame it ever sent.
+    if (m_gathered.capacity() > 64 * 1024) {
+        std::vector<unsigned char>().swap(m_gathered);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ByteChannel.h"
 
@@ -25,8 +26,9 @@ SslContext makeSslContext(bool server);
 // The reasons queued by OpenSSL on this thread, joined by "; ", and the queue cleared.
 std::string takeTlsErrors();
 
-// A TLS stream over a connected socket. Every OpenSSL call runs with SIGPIPE blocked on the
-// calling thread, so a peer that vanishes can't kill a host process that never ignored SIGPIPE.
+// A TLS stream over a connected socket. OpenSSL reaches the socket through a BIO of ours that
+// sends with MSG_NOSIGNAL, so a peer that vanishes can't kill a host process that never ignored
+// SIGPIPE, and no call needs the signal mask changed around it.
 class TlsChannel : public ByteChannel {
 public:
     // Runs the client handshake within timeoutMs. A non-empty expectedIp is checked against the
@@ -38,6 +40,9 @@ public:
 
     std::size_t readSome(unsigned char* buffer, std::size_t size, int timeoutMs) override;
     void writeAll(const unsigned char* data, std::size_t size, int timeoutMs) override;
+    // Copies both into one buffer, so that a small frame goes out as one record in one send.
+    void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
+                       std::size_t size, int timeoutMs) override;
     const Socket& socket() const override { return m_socket; }
 
 private:
@@ -49,6 +54,7 @@ private:
 
     Socket m_socket;
     std::unique_ptr<SSL, SslDeleter> m_ssl;
+    std::vector<unsigned char> m_gathered;
 };
 
 }  // namespace Ostrelink::Network

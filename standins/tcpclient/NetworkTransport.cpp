@@ -16,6 +16,11 @@ namespace {
 // which are closed after use.
 constexpr std::size_t maxIdleConnections = 8;
 
+// An idle connection is checked for a close by the server (one poll) only after this long;
+// one used more recently goes straight to the write, and a close found after the request went
+// out fails that command rather than sending it twice.
+constexpr std::chrono::milliseconds staleCheckAfter{50};
+
 // A server that refuses a connection, for instance a TLS server that wants a client
 // certificate, says why before it closes; a send that failed since can still read that.
 std::string closingReason(ByteChannel& connection) {
@@ -53,18 +58,25 @@ int NetworkTransport::Initialize(unsigned char, unsigned char, unsigned char) {
     return 0;
 }
 
-std::unique_ptr<ByteChannel> NetworkTransport::takeConnection() {
+std::unique_ptr<ByteChannel> NetworkTransport::takeConnection(bool& reused) {
+    reused = true;
+    const auto now = std::chrono::steady_clock::now();
     {
         std::lock_guard<std::mutex> lock(m_idleMutex);
         while (!m_idle.empty()) {
-            std::unique_ptr<ByteChannel> connection = std::move(m_idle.back());
+            IdleConnection idle = std::move(m_idle.back());
             m_idle.pop_back();
             // The server closes idle connections after its own time-out.
-            if (connection->socket().idleAndOpen()) {
-                return connection;
+            if (now - idle.since < staleCheckAfter || idle.channel->socket().idleAndOpen()) {
+                return std::move(idle.channel);
             }
         }
     }
+    reused = false;
+    return openConnection();
+}
+
+std::unique_ptr<ByteChannel> NetworkTransport::openConnection() {
     try {
         return m_connector->open(m_host, m_port);
     } catch (const StreamError& error) {
@@ -75,7 +87,7 @@ std::unique_ptr<ByteChannel> NetworkTransport::takeConnection() {
 void NetworkTransport::keepConnection(std::unique_ptr<ByteChannel> connection) {
     std::lock_guard<std::mutex> lock(m_idleMutex);
     if (m_idle.size() < maxIdleConnections) {
-        m_idle.push_back(std::move(connection));
+        m_idle.push_back({std::move(connection), std::chrono::steady_clock::now()});
     }
 }
 
@@ -94,10 +106,21 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
         std::lock_guard<std::mutex> lock(m_repliesMutex);
         m_replies.erase(std::this_thread::get_id());
     }
-    std::unique_ptr<ByteChannel> connection = takeConnection();
+    bool reused = false;
+    std::unique_ptr<ByteChannel> connection = takeConnection(reused);
     try {
-        writeFrame(*connection, message, static_cast<std::size_t>(length),
-                   m_settings.readTimeoutMs);
+        try {
+            writeFrame(*connection, message, static_cast<std::size_t>(length),
+                       m_settings.readTimeoutMs);
+        } catch (const StreamError& error) {
+            // Not a byte went out on a connection the server had closed: safe to send afresh.
+            if (!reused || error.failure() != StreamFailure::Unsent) {
+                throw;
+            }
+            connection = openConnection();
+            writeFrame(*connection, message, static_cast<std::size_t>(length),
+                       m_settings.readTimeoutMs);
+        }
     } catch (const StreamError& error) {
         throw failure(std::string("cannot send the command: ") + error.what() +
                       closingReason(*connection));
@@ -106,7 +129,9 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
     try {
         auto frame = readFrame(*connection, limit, m_settings.readTimeoutMs);
         if (!frame) {
-            throw failure("connection closed by the server before the reply");
+            throw failure(
+                "connection closed by the server before the reply (the command was sent, so it "
+                "is not sent again)");
         }
         reply = std::move(*frame);
     } catch (const StreamError& error) {

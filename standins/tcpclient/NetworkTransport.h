@@ -2,6 +2,7 @@
 
 #include <ostrelink/ITransport.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -37,7 +38,14 @@ public:
                                 unsigned char flag) override;
 
 private:
-    std::unique_ptr<ByteChannel> takeConnection();
+    struct IdleConnection {
+        std::unique_ptr<ByteChannel> channel;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    // An idle connection (reused true) or a new one.
+    std::unique_ptr<ByteChannel> takeConnection(bool& reused);
+    std::unique_ptr<ByteChannel> openConnection();
     void keepConnection(std::unique_ptr<ByteChannel> connection);
     NetworkError failure(const std::string& cause) const;
 
@@ -47,7 +55,7 @@ private:
     std::unique_ptr<Connector> m_connector;
 
     std::mutex m_idleMutex;
-    std::vector<std::unique_ptr<ByteChannel>> m_idle;
+    std::vector<IdleConnection> m_idle;
 
     std::mutex m_repliesMutex;
     std::unordered_map<std::thread::id, std::vector<unsigned char>> m_replies;

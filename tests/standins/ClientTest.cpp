@@ -205,20 +205,30 @@ TEST(NetworkTcpClient, NextCommandReconnectsAfterABrokenConnection) {
     EXPECT_EQ(peer.connections(), 2);
 }
 
-TEST(NetworkTcpClient, IdleConnectionClosedByTheServerIsReplaced) {
-    // Each connection answers once and hangs up, as a server's idle time-out would.
-    TestPeer peer([](int fd, int) {
+TEST(NetworkTcpClient, IdleConnectionClosedByTheServerIsReplacedButNoCommandIsSentTwice) {
+    // Each connection answers once and hangs up, as a server's idle time-out would; the first
+    // takes a second request before it hangs up, as a server that dies with a command would.
+    std::atomic<int> requests{0};
+    TestPeer peer([&requests](int fd, int index) {
         Bytes request;
         if (readRawFrame(fd, request)) {
+            ++requests;
             writeRawFrame(fd, request);
+        }
+        if (index == 0 && readRawFrame(fd, request)) {
+            ++requests;
         }
     });
     auto client = ClientLibrary::tcp().connect("127.0.0.1", peer.port());
     const Bytes message = makeMessage(2, 0, "once");
-    for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(roundTrip(*client, message), message);
+    EXPECT_THAT(failureOf([&] { roundTrip(*client, message); }),
+                HasSubstr("before the reply (the command was sent, so it is not sent again)"));
+    for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(roundTrip(*client, message), message);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
+    EXPECT_EQ(requests, 4);
     EXPECT_EQ(peer.connections(), 3);
 }
 

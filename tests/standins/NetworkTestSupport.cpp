@@ -323,6 +323,22 @@ int ServerProcess::stop() {
     return status;
 }
 
+void ServerProcess::terminate() const {
+    ::kill(m_pid, SIGTERM);
+}
+
+long ServerProcess::residentKiB() const {
+    std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+    std::string key;
+    while (status >> key) {
+        long value = 0;
+        if (key == "VmRSS:" && status >> value) {
+            return value;
+        }
+    }
+    return -1;
+}
+
 std::string ServerProcess::standardError() const {
     return readFile(m_errorFile);
 }

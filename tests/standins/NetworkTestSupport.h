@@ -103,6 +103,10 @@ public:
     unsigned short port() const { return m_port; }
     // Sends SIGTERM and returns the exit status as waitpid gives it.
     int stop();
+    // Sends SIGTERM and returns at once; stop() then reaps.
+    void terminate() const;
+    // VmRSS of the server process, from /proc.
+    long residentKiB() const;
     std::string standardError() const;
     std::string standardOutput();
 

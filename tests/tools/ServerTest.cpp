@@ -63,6 +63,52 @@ TEST(NetworkServer, CommandsReachJavaAndTheServerStillStopsCleanly) {
     EXPECT_THAT(server.standardOutput(), HasSubstr("stopped"));
 }
 
+// SIGTERM during a command: new clients are refused at once, and the command's reply still
+// arrives within the drain time; past it, the server says what it dropped.
+TEST(NetworkServer, SigtermRefusesNewClientsAndDrainsTheCommandInProgress) {
+    for (const bool drained : {true, false}) {
+        std::vector<std::string> arguments = cppRuntime();
+        arguments.insert(arguments.end(),
+                         {"--port", "0", "--drain-timeout-ms", drained ? "10000" : "100"});
+        ServerProcess server(arguments);
+        auto client = ClientLibrary::tcp().connect("127.0.0.1", server.port());
+        const Bytes slow = makeMessage(8, 0, "sleep 1500", 2);
+        Bytes reply;
+        std::string failure;
+        std::thread sender([&] {
+            try {
+                reply = roundTrip(*client, slow);
+            } catch (const std::runtime_error& error) {
+                failure = error.what();
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        server.terminate();
+        bool refused = false;
+        for (int attempt = 0; attempt < 50 && !refused; ++attempt) {
+            const int fd = connectRaw(server.port());
+            refused = fd < 0;
+            if (!refused) {
+                ::close(fd);
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        }
+        EXPECT_TRUE(refused) << drained;
+        sender.join();
+        const int status = server.stop();
+        if (drained) {
+            EXPECT_EQ(reply, slow) << failure;
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        } else {
+            EXPECT_THAT(failure, HasSubstr("connection closed by the server before the reply"));
+            EXPECT_THAT(server.standardError(),
+                        HasSubstr("the drain time of 100 ms ran out: dropped the command in "
+                                  "progress on 1 connection(s): 127.0.0.1:"));
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+        }
+    }
+}
+
 TEST(NetworkServer, ReceiverFailureComesBackAsAnExceptionReplyAndTheConnectionGoesOn) {
     std::vector<std::string> arguments = cppRuntime();
     arguments.insert(arguments.end(), {"--port", "0"});
@@ -158,9 +204,9 @@ TEST(NetworkServerCommandLine, RefusesANonLoopbackAddressWithoutMutualTls) {
 TEST(NetworkServerCommandLine, HelpExplainsEveryOption) {
     const auto outcome = ServerProcess::run({"--help"});
     EXPECT_EQ(outcome.exitCode, 0);
-    for (const char* option :
-         {"--runtime ", "--runtime-code", "--listen", "--port", "--tls-cert", "--tls-key",
-          "--tls-client-ca", "--max-connections", "--max-frame-bytes", "--idle-timeout-ms"}) {
+    for (const char* option : {"--runtime ", "--runtime-code", "--listen", "--port", "--tls-cert",
+                               "--tls-key", "--tls-client-ca", "--max-connections",
+                               "--max-frame-bytes", "--idle-timeout-ms", "--drain-timeout-ms"}) {
         EXPECT_THAT(outcome.standardOutput, HasSubstr(option));
     }
 }

@@ -90,7 +90,7 @@ std::string Server::endpoint() const {
     return m_options.listenAddress + ":" + std::to_string(m_port);
 }
 
-void Server::run(int stopFd) {
+bool Server::run(int stopFd) {
     for (;;) {
         pollfd entries[2] = {{m_listener.fd(), POLLIN, 0}, {stopFd, POLLIN, 0}};
         // Wakes now and then to join the threads of finished connections.
@@ -109,7 +109,45 @@ void Server::run(int stopFd) {
             accept();
         }
     }
-    stopSessions();
+    return drain();
+}
+
+bool Server::drain() {
+    // New clients are refused from now on, not queued behind a server that will never serve
+    // them.
+    m_listener = Socket();
+    // Ending only the receiving side lets a session finish its command and send the reply; its
+    // next read then sees the end of the stream, and a session waiting for a request ends now.
+    for (Session& session : m_sessions) {
+        ::shutdown(session.shutdownHandle.fd(), SHUT_RD);
+    }
+    std::unique_lock<std::mutex> lock(m_finishedMutex);
+    const bool drained = m_finishedChanged.wait_for(
+        lock, std::chrono::milliseconds(m_options.drainTimeoutMs), [this] {
+            for (const Session& session : m_sessions) {
+                if (!session.finished) {
+                    return false;
+                }
+            }
+            return true;
+        });
+    lock.unlock();
+    if (drained) {
+        stopSessions();
+        return true;
+    }
+    std::string peers;
+    std::size_t count = 0;
+    for (Session& session : m_sessions) {
+        if (!session.finished) {
+            session.shutdownHandle.shutdownBoth();
+            peers += (count++ == 0 ? "" : ", ") + session.peer;
+        }
+    }
+    logLine("the drain time of " + std::to_string(m_options.drainTimeoutMs) +
+            " ms ran out: dropped the command in progress on " + std::to_string(count) +
+            " connection(s): " + peers);
+    return false;
 }
 
 void Server::accept() {
@@ -145,6 +183,7 @@ void Server::accept() {
     }
     Session& session = m_sessions.emplace_back();
     session.shutdownHandle = std::move(shutdownHandle);
+    session.peer = peer;
     session.thread = std::thread(&Server::serve, this, std::ref(session), std::move(socket), peer);
 }
 
@@ -176,7 +215,11 @@ void Server::serve(Session& session, Socket socket, std::string peer) {
     // The session's second descriptor keeps the connection open until the session is reaped,
     // so closing the stream's own is not enough to let the peer know.
     session.shutdownHandle.shutdownBoth();
-    session.finished = true;
+    {
+        std::lock_guard<std::mutex> lock(m_finishedMutex);
+        session.finished = true;
+    }
+    m_finishedChanged.notify_all();
 }
 
 void Server::reapFinished() {
@@ -191,12 +234,9 @@ void Server::reapFinished() {
 }
 
 void Server::stopSessions() {
-    {
-        for (Session& session : m_sessions) {
-            session.shutdownHandle.shutdownBoth();
-        }
+    for (Session& session : m_sessions) {
+        session.shutdownHandle.shutdownBoth();
     }
-    // Joined without the lock: a thread takes it on its way out.
     for (Session& session : m_sessions) {
         session.thread.join();
     }

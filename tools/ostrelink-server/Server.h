@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -26,8 +28,12 @@ public:
 
     // "ADDR:PORT" actually bound, the port resolved when 0 was asked for.
     std::string endpoint() const;
-    // Serves until stopFd becomes readable, then closes every connection and joins its thread.
-    void run(int stopFd);
+    // Serves until stopFd becomes readable, then drains: closes the listener, ends idle
+    // connections, lets each command in progress send its reply, and joins every thread. False
+    // when the drain time ran out first: the busy connections are then shut down and named on
+    // standard error, but their threads still run inside the hosted runtime, so the caller must
+    // end the process without destroying this object.
+    bool run(int stopFd);
 
 private:
     struct Session {
@@ -35,6 +41,7 @@ private:
         // A second descriptor of the connection, only for shutting it down from outside: the
         // thread may close its own at any moment, and that number could be reused at once.
         Socket shutdownHandle;
+        std::string peer;
         std::atomic<bool> finished{false};
     };
 
@@ -42,6 +49,7 @@ private:
     void serve(Session& session, Socket socket, std::string peer);
     void reapFinished();
     void stopSessions();
+    bool drain();
 
     const ServerOptions& m_options;
     const HostedRuntime& m_runtime;
@@ -49,8 +57,11 @@ private:
     Socket m_listener;
     unsigned short m_port = 0;
 
-    // Touched only by the accepting thread; a session thread only sets its own finished flag.
+    // Touched only by the accepting thread; a session thread only sets its own finished flag,
+    // under m_finishedMutex, and wakes a drain waiting on m_finishedChanged.
     std::list<Session> m_sessions;
+    std::mutex m_finishedMutex;
+    std::condition_variable m_finishedChanged;
 };
 
 }  // namespace Ostrelink::Network::Server

@@ -53,10 +53,14 @@ Options:
   --idle-timeout-ms N     How long a connection may stay silent, and how long a TLS handshake or
                           a stalled frame may take, before it is closed (1-2147483647).
                           Default: 120000
+  --drain-timeout-ms N    On SIGINT or SIGTERM, how long the commands in progress may take to
+                          finish and send their replies (0-2147483647). Default: 30000
   --help                  Show this text.
 
-SIGINT or SIGTERM stops the server: it stops accepting, closes the connections and waits for the
-commands in progress.
+SIGINT or SIGTERM stops the server: it closes the listening socket at once (new clients are
+refused), closes idle connections, lets every command in progress finish and send its reply,
+then exits 0. If the drain time runs out first, it names the connections it dropped on standard
+error and exits 1.
 )";
 }
 
@@ -106,6 +110,8 @@ ServerOptions ServerOptions::parse(int argc, char** argv) {
                 static_cast<std::uint32_t>(number(option, next(), 1, 2147483647));
         } else if (option == "--idle-timeout-ms") {
             options.idleTimeoutMs = static_cast<int>(number(option, next(), 1, 2147483647));
+        } else if (option == "--drain-timeout-ms") {
+            options.drainTimeoutMs = static_cast<int>(number(option, next(), 0, 2147483647));
         } else {
             throw UsageError("unknown option \"" + option + "\"");
         }

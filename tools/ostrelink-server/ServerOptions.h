@@ -23,6 +23,7 @@ struct ServerOptions {
     int maxConnections = 64;
     std::uint32_t maxFrameBytes = 64u * 1024u * 1024u;
     int idleTimeoutMs = 120000;
+    int drainTimeoutMs = 30000;
     bool help = false;
 
     bool tls() const { return !tlsCert.empty(); }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -79,7 +80,11 @@ int main(int argc, char** argv) {
         const HostedRuntime runtime(runtimePath, options.runtimeCode);
         Server server(options, runtime);
         std::cout << "listening on " << server.endpoint() << std::endl;
-        server.run(stopFd.fd());
+        if (!server.run(stopFd.fd())) {
+            // Commands still run inside the runtime on threads that can't be joined: unwinding
+            // would pull the server and the runtime from under them.
+            std::_Exit(1);
+        }
     } catch (const std::exception& error) {
         return fail(error.what(), 1);
     }
