@@ -14,6 +14,7 @@
 
 #include "support/AppInsightLogger.h"
 #include "support/ConfigHandler.h"
+#include "support/ErrorLogFile.h"
 
 using Ostrelink::Native::AppInsightLogger::AppInsightLogger;
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
@@ -63,7 +64,7 @@ OstrelinkNativeException::OstrelinkNativeException(const std::string& message,
     // the global one.
     m_dateStream.imbue(std::locale::classic());
     m_dateTimeStream.imbue(std::locale::classic());
-    m_dateStream << std::put_time(&local, "%Y-%m-%d");
+    m_dateStream << std::put_time(&local, Ostrelink::Native::ErrorLogFile::dateFormat);
     m_dateTimeStream << std::put_time(&local, "%Y-%m-%d %X");
     m_date = m_dateStream.str();
     m_dateTime = m_dateTimeStream.str();
@@ -116,7 +117,7 @@ OstrelinkNativeException::OstrelinkNativeException(const std::string& message,
 
 void OstrelinkNativeException::writeRecord(const std::string& message,
                                            const std::string& workingDirectory) {
-    m_logFilePath = workingDirectory + "/_OstrelinkNativeErrorLogger_" + m_date + ".txt";
+    m_logFilePath = Ostrelink::Native::ErrorLogFile::path(workingDirectory, m_date);
     m_logFile.open(m_logFilePath, std::ios::out | std::ios::app);
     if (m_logFile.fail()) {
         return;

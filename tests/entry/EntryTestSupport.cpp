@@ -96,19 +96,6 @@ std::vector<std::string> lines(const std::string& content) {
     return result;
 }
 
-std::string copyStage(const std::string& directory, const std::vector<std::string>& leaveOut) {
-    const fs::path target = fs::path(directory) / "stage";
-    fs::copy(OSTRELINK_STAGE_DIR, target, fs::copy_options::recursive);
-    const fs::path stagedNative = fs::path(OSTRELINK_NATIVE_DIR);
-    const fs::path relative =
-        fs::relative(stagedNative.parent_path(), fs::path(OSTRELINK_STAGE_DIR));
-    const fs::path native = target / relative;
-    for (const std::string& name : leaveOut) {
-        fs::remove(native / name);
-    }
-    return native.string() + "/";
-}
-
 ChildResult runChild(const std::vector<std::string>& argv, const std::string& workingDirectory,
                      const std::map<std::string, std::string>& environment) {
     const std::string outPath = workingDirectory + "/child.out";

@@ -25,10 +25,6 @@ std::string messageOf(const std::string& record);
 // Lines of a text file, without their "\n".
 std::vector<std::string> lines(const std::string& content);
 
-// Copies the staged tree into directory and returns the native directory of the copy, with a
-// trailing "/". Files named in leaveOut are not copied.
-std::string copyStage(const std::string& directory, const std::vector<std::string>& leaveOut = {});
-
 struct ChildResult {
     int exitCode = -1;
     std::string out;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/StageCopy.h"
 #include "entry/EntryTestSupport.h"
 
 using EntryTest::ChildResult;
@@ -103,7 +104,7 @@ TEST(JavaRoad, TelemetryEventsReachTheUtilsLibrary) {
 TEST(JavaRoad, WithoutTheUtilsLibraryNothingChangesForJava) {
     const std::string directory = EntryTest::freshDirectory();
     const std::string telemetry = directory + "/telemetry.txt";
-    EntryTest::copyStage(directory, {"libUtils.so"});
+    copyStage(directory, {"libUtils.so"});
     runProbe("logShort", directory, directory, {{"OSTRELINK_TELEMETRY_FILE", telemetry}},
              directory + "/stage");
     EXPECT_THAT(loggedMessages(directory), testing::ElementsAre(shortText));
@@ -112,7 +113,7 @@ TEST(JavaRoad, WithoutTheUtilsLibraryNothingChangesForJava) {
 
 TEST(JavaRoad, WithoutTheConfigsLibraryFailuresEndAndKeepTheirText) {
     const std::string directory = EntryTest::freshDirectory();
-    const std::string native = EntryTest::copyStage(directory, {"libConfigs.so"});
+    const std::string native = copyStage(directory, {"libConfigs.so"});
     const ChildResult result =
         runProbe("withoutConfigs", native + "libConfigs.so", directory, {}, directory + "/stage");
     EXPECT_THAT(result.err, HasSubstr(std::string(shortText) + supportText));

@@ -24,6 +24,7 @@
 
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
+#include "common/StageCopy.h"
 #include "entry/EntryTestSupport.h"
 
 using EntryTest::records;
@@ -266,7 +267,7 @@ protected:
         m_directory = EntryTest::freshDirectory();
         m_telemetry = m_directory + "/telemetry.txt";
         setenv("OSTRELINK_TELEMETRY_FILE", m_telemetry.c_str(), 1);
-        m_native = EntryTest::copyStage(m_directory, {"libConfigs.so"});
+        m_native = copyStage(m_directory, {"libConfigs.so"});
         std::filesystem::copy_file(ENTRY_CONFIGS_VARIANT, m_native + "libConfigs.so");
         m_copy = std::make_unique<HostLibrary>(m_native + "libOstrelinkJvmRuntimeNative.so");
         // Without GetWorkingDirectory the log goes to the current directory.
@@ -376,7 +377,7 @@ TEST(Exception, ACopyCarriesTheTextAndReportsNothing) {
     const std::string directory = EntryTest::freshDirectory();
     const std::string telemetry = directory + "/telemetry.txt";
     setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
-    const std::string native = EntryTest::copyStage(directory);
+    const std::string native = copyStage(directory);
     std::filesystem::copy_file(ENTRY_FACADE_PROBE, native + "libEntryFacadeProbe.so");
     HostLibrary probe(native + "libEntryFacadeProbe.so");
     ASSERT_EQ(chdir(directory.c_str()), 0);
@@ -397,7 +398,7 @@ TEST(Exception, ACopyCarriesTheTextAndReportsNothing) {
 
 TEST(MissingConfigs, FailuresEndAndReachTheirRaiser) {
     const std::string directory = EntryTest::freshDirectory();
-    const std::string native = EntryTest::copyStage(directory, {"libConfigs.so"});
+    const std::string native = copyStage(directory, {"libConfigs.so"});
     HostLibrary copy(native + "libOstrelinkJvmRuntimeNative.so");
     Library library(copy);
     ASSERT_EQ(chdir(directory.c_str()), 0);

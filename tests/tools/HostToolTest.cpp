@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ToolProcess.h"
+#include "common/StageCopy.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -75,12 +76,14 @@ protected:
     void TearDown() override { fs::remove_all(directory); }
 
     ToolRun run(const std::vector<std::string>& arguments,
-                std::map<std::string, std::optional<std::string>> changes = {}) {
+                std::map<std::string, std::optional<std::string>> changes = {},
+                const std::string& tool = HOST_TOOL) {
         changes.emplace("JAVA_HOME", HOST_JAVA_HOME);
         changes.emplace("OSTRELINK_JVM_RUNTIME_PATH", std::nullopt);
         changes.emplace("OSTRELINK_DEBUG_MODE", std::nullopt);
         changes.emplace("OSTRELINK_LOGGING_LEVEL", std::nullopt);
-        return ToolProcess::run(HOST_TOOL, arguments, changes, directory.string());
+        changes.emplace("OSTRELINK_JVM_OPTIONS", std::nullopt);
+        return ToolProcess::run(tool, arguments, changes, directory.string());
     }
 
     // A directory for PATH that holds only a link named java to the JDK's launcher.
@@ -98,7 +101,7 @@ TEST_F(HostTool, HelpNamesEveryCommandAndVariableWithoutOpeningTheLibrary) {
     const ToolRun help = run({"--library", "/no/such/library.so", "--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* word : {"health", "load PATH", "call CLASS METHOD", "echo TEXT", "info",
-                             "--library PATH", "JAVA_HOME", "OSTRELINK_JVM_RUNTIME_PATH",
+                             "doctor", "--library PATH", "JAVA_HOME", "OSTRELINK_JVM_RUNTIME_PATH",
                              "OSTRELINK_DEBUG_MODE", "OSTRELINK_LOGGING_LEVEL"}) {
         EXPECT_THAT(help.out, HasSubstr(word));
     }
@@ -114,6 +117,7 @@ TEST_F(HostTool, CommandLinesThatCantRunExitWithTwoBeforeAnythingStarts) {
         {{"health", "call", targets}, "call needs a class name and a method name"},
         {{"load", "health"}, "load needs at least one jar file or directory"},
         {{"echo"}, "echo needs a text"},
+        {{"health", "doctor"}, "doctor runs alone: give it without other commands"},
         {{"health", "info", "load", "b.jar"},
          "load b.jar comes after info, which started the JVM: its class path can't change any "
          "more; give load before the first call, echo or info"},
@@ -249,6 +253,58 @@ TEST_F(HostTool, TheLibraryOptionOpensThatFileOrSaysWhyNot) {
     EXPECT_EQ(wrong.status, 1);
     EXPECT_EQ(ownLines(wrong.err), "ostrelink-host: the runtime library " + other.string() +
                                        " does not export CreateReceiver\n");
+}
+
+TEST_F(HostTool, TheDoctorPassesOnTheStagedTreeWithALineForEachCheck) {
+    const ToolRun done = run({"doctor"});
+    ASSERT_EQ(done.status, 0) << done.out << done.err;
+    for (const std::string& line : std::vector<std::string>{
+             "JVM source: JAVA_HOME = " HOST_JAVA_HOME "\n",
+             "libjvm candidate: " HOST_JAVA_HOME "/lib/server/libjvm.so: exists, loads, exports "
+             "JNI_GetCreatedJavaVMs and JNI_CreateJavaVM, used\n",
+             "runtime jar: ", "configuration source: none\n",
+             "working directory: " + directory.string() + "\n", "error log: " + directory.string(),
+             "JVM options (OSTRELINK_JVM_OPTIONS): none\n", "health check: ok\n",
+             "JVM start: ok in ", "echo: ok, round trip ", "all checks passed\n"}) {
+        EXPECT_THAT(done.out, HasSubstr("doctor: " + line));
+    }
+}
+
+TEST_F(HostTool, TheDoctorStopsAtTheFirstProblemWithWhatToDo) {
+    fs::create_directories(directory / "jre/lib");  // a JRE without the server VM
+    copyStage(directory.string());
+    fs::remove(directory / "stage/Binaries/Jvm/OstrelinkJvmRuntime.jar");
+    const struct {
+        std::map<std::string, std::optional<std::string>> environment;
+        std::string tool;
+        std::string problem;
+        std::string fix;
+    } cases[] = {
+        {{{"JAVA_HOME", std::nullopt}, {"PATH", "/nonexistent"}},
+         HOST_TOOL,
+         "code 001",
+         "set JAVA_HOME to"},
+        {{{"JAVA_HOME", (directory / "nowhere").string()}},
+         HOST_TOOL,
+         "code 002",
+         "which does not exist"},
+        {{{"JAVA_HOME", (directory / "jre").string()}},
+         HOST_TOOL,
+         "code 002",
+         "a JRE without the server VM"},
+        {{},
+         (directory / "stage/bin/ostrelink-host").string(),
+         "OstrelinkJvmRuntime.jar is missing",
+         "reinstall"},
+    };
+    for (const auto& [environment, tool, problem, fix] : cases) {
+        const ToolRun done = run({"doctor"}, environment, tool);
+        EXPECT_EQ(done.status, 1) << problem;
+        EXPECT_THAT(done.out, AllOf(HasSubstr("doctor: problem: "), HasSubstr(problem),
+                                    HasSubstr("doctor: fix: "), HasSubstr(fix),
+                                    Not(HasSubstr("doctor: health check"))))
+            << done.out;
+    }
 }
 
 }  // namespace

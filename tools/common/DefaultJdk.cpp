@@ -49,17 +49,18 @@ std::optional<DefaultJdk::Found> DefaultJdk::find(const std::string& searchPath)
     return std::nullopt;
 }
 
-void DefaultJdk::useIfNoneSet(const char* tool) {
+bool DefaultJdk::useIfNoneSet(const char* tool) {
     if (holdsValue("JAVA_HOME") || holdsValue("OSTRELINK_JVM_RUNTIME_PATH")) {
-        return;
+        return false;
     }
     const char* searchPath = std::getenv("PATH");
     const auto jdk = find(searchPath != nullptr ? searchPath : "");
     if (!jdk) {
         unsetenv("JAVA_HOME");
-        return;
+        return false;
     }
     setenv("JAVA_HOME", jdk->home.c_str(), 1);
     std::cerr << tool << ": JAVA_HOME is not set; using " << jdk->home << ", the JDK of "
               << jdk->launcher << " on PATH" << std::endl;
+    return true;
 }

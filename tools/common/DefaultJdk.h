@@ -21,6 +21,6 @@ public:
     // JAVA_HOME becomes the JDK of the first java or javac on PATH, with one line on standard
     // error that begins with "<tool>: ". With none found, an empty JAVA_HOME is removed, so that
     // the library asks for JAVA_HOME to be set. Call it before any thread starts: it changes the
-    // environment.
-    static void useIfNoneSet(const char* tool);
+    // environment. True when it set JAVA_HOME.
+    static bool useIfNoneSet(const char* tool);
 };

@@ -53,6 +53,14 @@ HostCommandLine HostCommandLine::parse(const std::vector<std::string>& arguments
     std::optional<std::string> startedJvm;
     while (next < arguments.size()) {
         const std::string& word = arguments[next++];
+        if (word == "doctor") {
+            // It starts the JVM itself, at its own moment, and stops at the first problem.
+            if (next != arguments.size() || !line.m_steps.empty()) {
+                throw UsageError("doctor runs alone: give it without other commands");
+            }
+            line.m_doctor = true;
+            break;
+        }
         const auto kind = commandKind(word);
         if (!kind) {
             throw UsageError("unknown command '" + word + "'");
@@ -124,6 +132,10 @@ Commands:
                             line.
   echo TEXT                 Send TEXT to the JVM and print what comes back.
   info                      Print the JVM's version, vendor, home and class path.
+  doctor                    Check the installation line by line: the JVM source and each JVM
+                            library candidate, the runtime jar, the configuration, the JVM
+                            options, then a health check, a JVM start and an echo. Stops at the
+                            first problem with what to do about it (status 1). Runs alone.
 
 Results go to standard output, one line each, prefixed with the command's name ("call: ..."),
 and nothing else does: the library's own progress lines and runtime information, and whatever
@@ -145,6 +157,8 @@ Environment:
                             JAVA_HOME.
   OSTRELINK_DEBUG_MODE      "true" (any case): the JVM waits for a debugger on 127.0.0.1:8988.
   OSTRELINK_LOGGING_LEVEL   "off", "runtimeinfo" or "all": how much the library prints.
+                            The doctor runs with "runtimeinfo".
+  OSTRELINK_JVM_OPTIONS     Extra options of the JVM; the doctor shows them.
 
 Example:
   ostrelink-host health call java.lang.System getProperty java.version info

@@ -25,12 +25,15 @@ public:
     static std::string helpText();
 
     bool help() const { return m_help; }
+    // "doctor": no steps then.
+    bool doctor() const { return m_doctor; }
     // Empty: the library of the installation this program belongs to.
     const std::string& libraryPath() const { return m_libraryPath; }
     const std::vector<HostStep>& steps() const { return m_steps; }
 
 private:
     bool m_help = false;
+    bool m_doctor = false;
     std::string m_libraryPath;
     std::vector<HostStep> m_steps;
 };

@@ -47,19 +47,16 @@ bool isAcknowledge(const std::vector<unsigned char>& reply) {
 
 }  // namespace
 
+void HostSession::initialize(Ostrelink::Native::Interfaces::IReceiver* receiver) {
+    receiver->Initialize(cppRuntime, jvmRuntime, 0);
+}
+
 void HostSession::run(const HostStep& step, std::ostream& out) {
     switch (step.kind) {
-        case HostStep::Kind::Health: {
-            const Bytes reply =
-                exchange(message(plainCommand, 0, Ostrelink::Native::Definitions::healthCheckText));
-            if (!isAcknowledge(reply)) {
-                throw std::runtime_error("health check answered with " +
-                                         std::to_string(reply.size()) +
-                                         " bytes that are no acknowledgement");
-            }
+        case HostStep::Kind::Health:
+            checkHealth();
             out << "health: ok\n";
             break;
-        }
         case HostStep::Kind::Load:
             for (const std::string& path : step.arguments) {
                 if (!isAcknowledge(exchange(message(loadLibraryCommand, 0, path)))) {
@@ -80,23 +77,38 @@ void HostSession::run(const HostStep& step, std::ostream& out) {
             out << "call: " << result << '\n';
             break;
         }
-        case HostStep::Kind::Echo: {
-            const Bytes request = message(plainCommand, echoOperation, step.arguments.front());
-            const Bytes reply = exchange(request);
-            if (reply != request) {
-                throw std::runtime_error("echo came back changed, " + std::to_string(reply.size()) +
-                                         " bytes for " + std::to_string(request.size()));
-            }
-            out << "echo: " << payloadText(reply) << '\n';
+        case HostStep::Kind::Echo:
+            out << "echo: " << echo(step.arguments.front()) << '\n';
             break;
-        }
         case HostStep::Kind::Info:
             // The text ends with a newline of its own.
-            const std::string info = askJava(runtimeInfoOperation, {});
-            out << "info:\n" << info;
+            out << "info:\n" << javaRuntimeInfo();
             break;
     }
     out.flush();
+}
+
+void HostSession::checkHealth() {
+    const Bytes reply =
+        exchange(message(plainCommand, 0, Ostrelink::Native::Definitions::healthCheckText));
+    if (!isAcknowledge(reply)) {
+        throw std::runtime_error("health check answered with " + std::to_string(reply.size()) +
+                                 " bytes that are no acknowledgement");
+    }
+}
+
+std::string HostSession::echo(const std::string& text) {
+    const Bytes request = message(plainCommand, echoOperation, text);
+    const Bytes reply = exchange(request);
+    if (reply != request) {
+        throw std::runtime_error("echo came back changed, " + std::to_string(reply.size()) +
+                                 " bytes for " + std::to_string(request.size()));
+    }
+    return payloadText(reply);
+}
+
+std::string HostSession::javaRuntimeInfo() {
+    return askJava(runtimeInfoOperation, {});
 }
 
 HostSession::Bytes HostSession::exchange(Bytes request) {

@@ -17,7 +17,17 @@ public:
     explicit HostSession(Ostrelink::Native::Interfaces::IReceiver* receiver)
         : m_receiver(receiver) {}
 
+    // Initialize with Cpp as the calling runtime and the JVM as the called one.
+    static void initialize(Ostrelink::Native::Interfaces::IReceiver* receiver);
+
     void run(const HostStep& step, std::ostream& out);
+
+    // The roads of the steps, for the doctor; each throws as run does.
+    void checkHealth();
+    // Sends text to Java and returns it once it came back unchanged.
+    std::string echo(const std::string& text);
+    // The JVM's version, vendor, home and class path, one "name: value" line each.
+    std::string javaRuntimeInfo();
 
 private:
     using Bytes = std::vector<unsigned char>;

@@ -18,6 +18,9 @@ public:
     // the directory of the running executable.
     static std::string installedPath();
 
+    // Absolute, as it was opened.
+    const std::string& path() const { return m_path; }
+
     // CreateReceiver(Called). The receiver belongs to the library and lives as long as the process.
     Ostrelink::Native::Interfaces::IReceiver* createReceiver() const;
 

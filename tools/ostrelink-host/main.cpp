@@ -12,14 +12,12 @@
 #include <vector>
 
 #include "DefaultJdk.h"
+#include "Doctor.h"
 #include "HostCommandLine.h"
 #include "HostSession.h"
 #include "RuntimeLibrary.h"
 
 namespace {
-
-constexpr unsigned char cppRuntime = 8;
-constexpr unsigned char jvmRuntime = 2;
 
 // Writes straight to a descriptor that it owns: the results, one line each, as they come.
 class DescriptorBuffer : public std::streambuf {
@@ -93,7 +91,11 @@ int main(int argc, char** argv) {
         std::cout << HostCommandLine::helpText();
         return 0;
     }
-    DefaultJdk::useIfNoneSet("ostrelink-host");
+    const bool javaHomeFromPath = DefaultJdk::useIfNoneSet("ostrelink-host");
+    if (line.doctor()) {
+        // The doctor reads what the library found from the runtime info that it prints.
+        setenv("OSTRELINK_LOGGING_LEVEL", "runtimeinfo", 1);
+    }
     const int resultsFd = keepStandardOutputForResults();
     if (resultsFd < 0) {
         std::cerr << "ostrelink-host: cannot keep standard output for the results: "
@@ -103,10 +105,14 @@ int main(int argc, char** argv) {
     DescriptorBuffer resultsBuffer(resultsFd);
     std::ostream results(&resultsBuffer);
     try {
-        const RuntimeLibrary library(line.libraryPath().empty() ? RuntimeLibrary::installedPath()
-                                                                : line.libraryPath());
+        const std::string libraryPath =
+            line.libraryPath().empty() ? RuntimeLibrary::installedPath() : line.libraryPath();
+        if (line.doctor()) {
+            return Doctor(results, javaHomeFromPath).run(libraryPath);
+        }
+        const RuntimeLibrary library(libraryPath);
         auto* receiver = library.createReceiver();
-        receiver->Initialize(cppRuntime, jvmRuntime, 0);
+        HostSession::initialize(receiver);
         HostSession session(receiver);
         for (const HostStep& step : line.steps()) {
             session.run(step, results);
