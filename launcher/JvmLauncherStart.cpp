@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -146,7 +147,8 @@ int JvmLauncher::InitializeJvm() {
     return 0;
 }
 
-// What would make the start fail later is refused here with a text that says what to change.
+// What would make the start fail later, or end the process, is refused here with a text that
+// says what to change.
 void JvmLauncher::CheckBeforeCreatingJvm() {
     const char* value = std::getenv(jvmOptionsVariable);
     const std::string text = value == nullptr ? std::string() : value;
@@ -164,6 +166,16 @@ void JvmLauncher::CheckBeforeCreatingJvm() {
             ": the library sets the class path itself, and in debug mode the JDWP agent");
     }
     m_extraJvmOptions = std::move(*options);
+    // The JDWP agent ends the whole process when it can't listen on its port.
+    if (m_debugMode) {
+        if (const int error = Ostrelink::Native::Launcher::loopbackPortBindError(debugPort)) {
+            RaiseLauncherException("JVM Launcher: Exception code 047. Debug mode needs port " +
+                                   std::to_string(debugPort) +
+                                   " on 127.0.0.1 for the debugger, and it can't be bound (" +
+                                   std::strerror(error) +
+                                   "); free the port or unset OSTRELINK_DEBUG_MODE");
+        }
+    }
 }
 
 int JvmLauncher::CreateClassPath() {

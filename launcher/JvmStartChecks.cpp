@@ -1,6 +1,12 @@
 #include "launcher/JvmStartChecks.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 
 namespace Ostrelink::Native::Launcher {
 
@@ -19,6 +25,22 @@ bool isOption(const std::string& option, const std::string& name, char separator
     return startsWith(option, name.c_str()) &&
            (option.size() == name.size() || option[name.size()] == separator);
 }
+
+class ScopedSocket {
+public:
+    explicit ScopedSocket(int descriptor) : m_descriptor(descriptor) {}
+    ~ScopedSocket() {
+        if (m_descriptor >= 0) {
+            close(m_descriptor);
+        }
+    }
+    ScopedSocket(const ScopedSocket&) = delete;
+    ScopedSocket& operator=(const ScopedSocket&) = delete;
+    int get() const { return m_descriptor; }
+
+private:
+    int m_descriptor;
+};
 
 }  // namespace
 
@@ -62,6 +84,23 @@ const std::string* findReservedJvmOption(const std::vector<std::string>& options
         }
     }
     return nullptr;
+}
+
+int loopbackPortBindError(unsigned short port) {
+    const ScopedSocket probe(socket(AF_INET, SOCK_STREAM, 0));
+    if (probe.get() < 0) {
+        return errno;
+    }
+    const int on = 1;
+    setsockopt(probe.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return errno;
+    }
+    return 0;
 }
 
 }  // namespace Ostrelink::Native::Launcher
