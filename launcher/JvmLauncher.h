@@ -48,7 +48,7 @@ public:
     // Starting the JVM: adopt the one that runs in the process, or create one (Called only).
     int InitializeJvm();
     // Refuses a start that can't work: bad OSTRELINK_JVM_OPTIONS (which it reads into
-    // m_extraJvmOptions), a busy debug port.
+    // m_extraJvmOptions), an installation path the class path can't hold, a busy debug port.
     void CheckBeforeCreatingJvm();
     int CreateClassPath();
     int GetReceiverClass();

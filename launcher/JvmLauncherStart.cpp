@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -166,6 +167,15 @@ void JvmLauncher::CheckBeforeCreatingJvm() {
             ": the library sets the class path itself, and in debug mode the JDWP agent");
     }
     m_extraJvmOptions = std::move(*options);
+    // The class path has no escape for its separator: the runtime jar would be cut in two.
+    const std::string root = LibrariesFinder::getBinariesRootPath();
+    if (root.find(OSTRELINK_CLASS_PATH_SEPARATOR) != std::string::npos) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 048. The installation path holds '" +
+            std::string(OSTRELINK_CLASS_PATH_SEPARATOR) +
+            "', which the JVM's class path can't carry; install to a path without it: " +
+            std::filesystem::path(root).lexically_normal().string());
+    }
     // The JDWP agent ends the whole process when it can't listen on its port.
     if (m_debugMode) {
         if (const int error = Ostrelink::Native::Launcher::loopbackPortBindError(debugPort)) {

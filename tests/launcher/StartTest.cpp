@@ -92,8 +92,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 // What can't work is refused before a JVM is made, each with its code and what to change, and the
 // next command checks again.
-TEST(JvmStart, BadExtraOptionsAreRefusedBeforeTheStart) {
-    const InstallationCopy copy(testJar("probe"));
+TEST(JvmStart, BadExtraOptionsAndAColonInTheInstallationPathAreRefusedBeforeTheStart) {
+    const InstallationCopy copy(testJar("probe"), "ostrelink:launcher-");
     IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Called);
     ASSERT_EQ(receiver->Initialize(8, 2, 0), 0);
     const struct {
@@ -103,6 +103,8 @@ TEST(JvmStart, BadExtraOptionsAreRefusedBeforeTheStart) {
     } cases[] = {
         {"-ea '-Dx=open", "046", "-ea '-Dx=open"},
         {"-ea -cp /elsewhere", "045", "-cp:"},
+        {"-ea", "048", "':'"},
+        {"", "048", ": " + copy.root() + "/\n"},
     };
     Bytes command = javaCommand("never answered");
     for (const auto& c : cases) {
