@@ -47,6 +47,9 @@ public:
 
     // Starting the JVM: adopt the one that runs in the process, or create one (Called only).
     int InitializeJvm();
+    // Refuses a start that can't work: bad OSTRELINK_JVM_OPTIONS (which it reads into
+    // m_extraJvmOptions), an installation path the class path can't hold, a busy debug port.
+    void CheckBeforeCreatingJvm();
     int CreateClassPath();
     int GetReceiverClass();
     void HandleLaunchJvmError();
@@ -103,6 +106,8 @@ private:
     std::string m_classPath;
     jsize m_createdJvmCount = 0;
     JavaVMOption* m_jvmOptions = nullptr;
+    // The options of OSTRELINK_JVM_OPTIONS, read at each start that creates a JVM.
+    std::vector<std::string> m_extraJvmOptions;
     const std::string m_receiverClassName = "com/ostrelink/core/receiver/Receiver";
     // A global reference, so that every thread may use it; taken from FindClass's local one.
     jclass m_receiverClass = nullptr;

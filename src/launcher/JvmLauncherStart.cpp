@@ -1,10 +1,15 @@
+#include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "launcher/JvmLauncher.h"
+#include "launcher/JvmStartChecks.h"
 #include "launcher/ScopedLocalRef.h"
 #include "launcher/ThreadJniEnv.h"
 #include "support/LibrariesFinder.h"
@@ -16,6 +21,21 @@ using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
 namespace {
 
 constexpr int jvmHeapMegabytes = 2048;
+constexpr unsigned short debugPort = 8988;
+constexpr const char* jvmOptionsVariable = "OSTRELINK_JVM_OPTIONS";
+
+// A JVM that the library does not create keeps the options it was started with.
+void noteIgnoredJvmOptions() {
+    static std::once_flag once;
+    const char* value = std::getenv(jvmOptionsVariable);
+    if (value != nullptr && *value != '\0') {
+        std::call_once(once, [] {
+            std::cerr << "Jvm Launcher: OSTRELINK_JVM_OPTIONS is ignored in Calling mode: the "
+                         "library adopts the JVM that runs in the process as it is"
+                      << std::endl;
+        });
+    }
+}
 
 // Clears m_jvmOptions however the start ends: the array it points to is a local of the start.
 class JvmOptionsScope {
@@ -55,6 +75,9 @@ int JvmLauncher::InitializeJvm() {
             "JVM Launcher: Exception code 044. Initialize must run before the first command "
             "that needs the JVM");
     }
+    if (m_operationMode == RuntimeOperationMode::Calling) {
+        noteIgnoredJvmOptions();
+    }
     m_getCreatedJavaVMs(nullptr, 0, &m_createdJvmCount);
     if (m_createdJvmCount >= 1) {
         std::vector<JavaVM*> created(static_cast<std::size_t>(m_createdJvmCount), nullptr);
@@ -68,27 +91,31 @@ int JvmLauncher::InitializeJvm() {
         // Nothing to adopt: m_jvm stays null, and commands that need Java get code 050.
         return 0;
     } else if (m_operationMode == RuntimeOperationMode::Called) {
+        CheckBeforeCreatingJvm();
         CreateClassPath();
         m_classPathOption = "-Djava.class.path=" + m_classPath;
         m_libraryPathOption = "-Djava.library.path=" + m_jvmRuntimePath + "/lib" +
                               OSTRELINK_CLASS_PATH_SEPARATOR + m_jvmRuntimePath + "/jre/lib";
         m_jvmInitArgs.version = JNI_VERSION_1_8;
-        std::vector<std::string> debugOptions;
+        std::vector<std::string> furtherOptions;
         if (m_debugMode) {
-            debugOptions = {"-Xmx" + std::to_string(jvmHeapMegabytes) + "m",
-                            "-Xms" + std::to_string(jvmHeapMegabytes) + "m",
-                            "-Xdebug",
-                            "-Xrunjdwp:transport=dt_socket,address=127.0.0.1:8988,server=y,"
-                            "suspend=y",
-                            "-verbose:jni",
-                            "-Xcheck:jni"};
+            furtherOptions = {"-Xmx" + std::to_string(jvmHeapMegabytes) + "m",
+                              "-Xms" + std::to_string(jvmHeapMegabytes) + "m",
+                              "-Xdebug",
+                              "-Xrunjdwp:transport=dt_socket,address=127.0.0.1:" +
+                                  std::to_string(debugPort) + ",server=y,suspend=y",
+                              "-verbose:jni",
+                              "-Xcheck:jni"};
         }
-        const std::size_t optionCount = 2 + debugOptions.size();
+        // The user's options come last, so that they win where the JVM takes the last one.
+        furtherOptions.insert(furtherOptions.end(), m_extraJvmOptions.begin(),
+                              m_extraJvmOptions.end());
+        const std::size_t optionCount = 2 + furtherOptions.size();
         const JvmOptionsScope optionsScope(m_jvmOptions, optionCount);
         m_jvmOptions[0].optionString = m_classPathOption.data();
         m_jvmOptions[1].optionString = m_libraryPathOption.data();
-        for (std::size_t i = 0; i < debugOptions.size(); ++i) {
-            m_jvmOptions[2 + i].optionString = debugOptions[i].data();
+        for (std::size_t i = 0; i < furtherOptions.size(); ++i) {
+            m_jvmOptions[2 + i].optionString = furtherOptions[i].data();
         }
         m_jvmInitArgs.nOptions = static_cast<jint>(optionCount);
         m_jvmInitArgs.options = m_jvmOptions;
@@ -119,6 +146,46 @@ int JvmLauncher::InitializeJvm() {
     m_jniVersion = GetVersion();
     GetReceiverClass();
     return 0;
+}
+
+// What would make the start fail later, or end the process, is refused here with a text that
+// says what to change.
+void JvmLauncher::CheckBeforeCreatingJvm() {
+    const char* value = std::getenv(jvmOptionsVariable);
+    const std::string text = value == nullptr ? std::string() : value;
+    auto options = Ostrelink::Native::Launcher::splitJvmOptions(text);
+    if (!options) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 046. OSTRELINK_JVM_OPTIONS has a quote that is not "
+            "closed: " +
+            text);
+    }
+    if (const std::string* reserved =
+            Ostrelink::Native::Launcher::findReservedJvmOption(*options, m_debugMode)) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 045. OSTRELINK_JVM_OPTIONS may not hold " + *reserved +
+            ": the library sets the class path itself, and in debug mode the JDWP agent");
+    }
+    m_extraJvmOptions = std::move(*options);
+    // The class path has no escape for its separator: the runtime jar would be cut in two.
+    const std::string root = LibrariesFinder::getBinariesRootPath();
+    if (root.find(OSTRELINK_CLASS_PATH_SEPARATOR) != std::string::npos) {
+        RaiseLauncherException(
+            "JVM Launcher: Exception code 048. The installation path holds '" +
+            std::string(OSTRELINK_CLASS_PATH_SEPARATOR) +
+            "', which the JVM's class path can't carry; install to a path without it: " +
+            std::filesystem::path(root).lexically_normal().string());
+    }
+    // The JDWP agent ends the whole process when it can't listen on its port.
+    if (m_debugMode) {
+        if (const int error = Ostrelink::Native::Launcher::loopbackPortBindError(debugPort)) {
+            RaiseLauncherException("JVM Launcher: Exception code 047. Debug mode needs port " +
+                                   std::to_string(debugPort) +
+                                   " on 127.0.0.1 for the debugger, and it can't be bound (" +
+                                   std::strerror(error) +
+                                   "); free the port or unset OSTRELINK_DEBUG_MODE");
+        }
+    }
 }
 
 int JvmLauncher::CreateClassPath() {
@@ -173,22 +240,37 @@ int JvmLauncher::GetReceiverClass() {
 }
 
 void JvmLauncher::HandleLaunchJvmError() {
+    std::string message;
     switch (m_createJvmResult) {
         case JNI_ERR:
-            RaiseLauncherException("JVM Launcher: Exception code 031");
+            message = "JVM Launcher: Exception code 031";
+            break;
         case JNI_EDETACHED:
-            RaiseLauncherException("JVM Launcher: Exception code 032");
+            message = "JVM Launcher: Exception code 032";
+            break;
         case JNI_EVERSION:
-            RaiseLauncherException("JVM Launcher: Exception code 033");
+            message = "JVM Launcher: Exception code 033";
+            break;
         case JNI_ENOMEM:
-            RaiseLauncherException("JVM Launcher: Exception code 034");
+            message = "JVM Launcher: Exception code 034";
+            break;
         case JNI_EEXIST:
-            RaiseLauncherException("JVM Launcher: Exception code 035");
+            message = "JVM Launcher: Exception code 035";
+            break;
         case JNI_EINVAL:
-            RaiseLauncherException("JVM Launcher: Exception code 036");
+            message = "JVM Launcher: Exception code 036";
+            break;
         default:
             return;
     }
+    // The user's options are the likeliest cause; the JVM has said on standard error which one.
+    if (!m_extraJvmOptions.empty()) {
+        message += "\nJVM options from OSTRELINK_JVM_OPTIONS:";
+        for (const auto& option : m_extraJvmOptions) {
+            message += " [" + option + "]";
+        }
+    }
+    RaiseLauncherException(message);
 }
 
 int JvmLauncher::GetVersion() {

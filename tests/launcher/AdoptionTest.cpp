@@ -72,13 +72,20 @@ TEST_F(Adoption, CalledAdoptsTheJvmTheHostCreated) {
 
 // On this platform a Calling library adopts the JVM it lives in, at Initialize and again at the
 // first command; both adoptions share the one receiver class, and threads then call into Java.
+// Extra JVM options can't reach that JVM: it says so, once.
 TEST_F(Adoption, CallingAdoptsTheJvmItLivesIn) {
     JavaVM* host = createHostJvm(hostClassPath());
     ASSERT_NE(host, nullptr);
+    setEnvironment("OSTRELINK_JVM_OPTIONS", "-Xmx64m");
+    testing::internal::CaptureStderr();
     IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Calling);
     ASSERT_EQ(receiver->Initialize(2, 8, 0), 0);
     const Bytes command = javaCommand("callback");
     EXPECT_EQ(sendAndRead(receiver, command), command);
+    const std::string errors = testing::internal::GetCapturedStderr();
+    const auto note = errors.find("OSTRELINK_JVM_OPTIONS is ignored");
+    EXPECT_NE(note, std::string::npos);
+    EXPECT_EQ(errors.find("OSTRELINK_JVM_OPTIONS is ignored", note + 1), std::string::npos);
     std::atomic<int> mismatches{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

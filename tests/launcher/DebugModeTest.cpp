@@ -12,6 +12,7 @@
 
 #include "LauncherTesting.h"
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -74,6 +75,28 @@ TEST(JvmStart, DebugModeAddsItsOptionsInOrderAndWaitsForADebugger) {
                             "-Xrunjdwp:transport=dt_socket,address=127.0.0.1:8988,server=y,"
                             "suspend=y",
                             "-verbose:jni", "-Xcheck:jni"));
+}
+
+// A busy debug port would make the JDWP agent end the process: the start is refused instead, the
+// process goes on, and no JVM is made.
+TEST(JvmStart, DebugModeWithTheDebugPortTakenIsRefusedBeforeTheStart) {
+    setEnvironment("OSTRELINK_DEBUG_MODE", "true");
+    const int occupant = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(8988);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(occupant, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(occupant, 1), 0);
+    const InstallationCopy copy(testJar("probe"));
+    IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Called);
+    ASSERT_EQ(receiver->Initialize(8, 2, 0), 0);
+    Bytes command = javaCommand("never answered");
+    EXPECT_THAT(
+        failureOf([&] { receiver->SendCommand(command.data(), static_cast<int>(command.size())); }),
+        AllOf(StartsWith("JVM Launcher: Exception code 047. "), HasSubstr("8988")));
+    EXPECT_TRUE(runningJvms().empty());
+    close(occupant);
 }
 
 }  // namespace

@@ -16,8 +16,8 @@
 namespace fs = std::filesystem;
 
 namespace {
-std::string makeTemporaryDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "ostrelink-launcher-XXXXXX").string();
+std::string makeTemporaryDirectory(const std::string& prefix = "ostrelink-launcher-") {
+    std::string pattern = (fs::temp_directory_path() / (prefix + "XXXXXX")).string();
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
@@ -29,8 +29,9 @@ std::string testJar(const std::string& name) {
     return std::string(OSTRELINK_TEST_JAR_DIR) + name + ".jar";
 }
 
-InstallationCopy::InstallationCopy(const std::string& runtimeJar)
-    : m_root(makeTemporaryDirectory()) {
+InstallationCopy::InstallationCopy(const std::string& runtimeJar,
+                                   const std::string& directoryPrefix)
+    : m_root(makeTemporaryDirectory(directoryPrefix)) {
     fs::copy(fs::path(OSTRELINK_STAGE_DIR) / "Binaries", fs::path(m_root) / "Binaries",
              fs::copy_options::recursive);
     fs::copy_file(runtimeJar, fs::path(m_root) / "Binaries/Jvm/OstrelinkJvmRuntime.jar",

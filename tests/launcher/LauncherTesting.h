@@ -17,12 +17,14 @@ using Ostrelink::Native::Interfaces::IReceiver;
 // A test jar built beside the tests: "probe", "throwing", "custom-first", ...
 std::string testJar(const std::string& name);
 
-// A private copy of the staged installation in a temporary directory, its runtime jar replaced
-// by a test jar. The library of the copy finds that jar relative to itself, as an installed one
-// does. One copy per test process: the library keeps process-wide state.
+// A private copy of the staged installation in a temporary directory whose name begins with
+// directoryPrefix, its runtime jar replaced by a test jar. The library of the copy finds that jar
+// relative to itself, as an installed one does. One copy per test process: the library keeps
+// process-wide state.
 class InstallationCopy {
 public:
-    explicit InstallationCopy(const std::string& runtimeJar);
+    explicit InstallationCopy(const std::string& runtimeJar,
+                              const std::string& directoryPrefix = "ostrelink-launcher-");
     ~InstallationCopy();
     InstallationCopy(const InstallationCopy&) = delete;
     InstallationCopy& operator=(const InstallationCopy&) = delete;

@@ -6,11 +6,13 @@ import java.util.Arrays;
 
 /**
  * Test receiver: echoes, marks heart beats, reports the JVM's class path as its runtime info, and
- * answers the command "jvm-arguments" with the options the JVM was started with, one a line.
+ * answers the command "jvm-arguments" with the options the JVM was started with, one a line,
+ * "max-memory" with Runtime.maxMemory, and "property NAME" with that system property.
  */
 public final class Receiver {
     private static final int PAYLOAD_OFFSET = 24;
     private static final byte[] JVM_ARGUMENTS = "jvm-arguments".getBytes(StandardCharsets.UTF_8);
+    private static final String PROPERTY = "property ";
 
     private Receiver() {}
 
@@ -19,6 +21,14 @@ public final class Receiver {
                 message.length);
         if (Arrays.equals(payload, JVM_ARGUMENTS)) {
             return String.join("\n", ManagementFactory.getRuntimeMXBean().getInputArguments())
+                    .getBytes(StandardCharsets.UTF_8);
+        }
+        String text = new String(payload, StandardCharsets.UTF_8);
+        if (text.equals("max-memory")) {
+            return Long.toString(Runtime.getRuntime().maxMemory()).getBytes(StandardCharsets.UTF_8);
+        }
+        if (text.startsWith(PROPERTY)) {
+            return String.valueOf(System.getProperty(text.substring(PROPERTY.length())))
                     .getBytes(StandardCharsets.UTF_8);
         }
         return message;
