@@ -54,8 +54,8 @@ public:
     void AddToLibrariesToLoad(std::string libraryPath);
 
     // Returns false when no Java exception is pending; otherwise describes it, clears it and
-    // throws through HandleException.
-    bool CheckAndHandleJvmException(JNIEnv* env, const std::string& code, bool clearException);
+    // throws through HandleException. code is a literal: its text is built only on failure.
+    bool CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException);
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 

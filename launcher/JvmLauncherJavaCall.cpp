@@ -1,6 +1,3 @@
-#include <cstring>
-#include <memory>
-
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "launcher/JvmLauncher.h"
@@ -31,11 +28,12 @@ void JvmLauncher::StartJvmOnce() {
     }
 }
 
-// No lock is held across the Java method: any number of threads may be in Java at once. A
-// thread the JVM has never seen is attached for this command only, by its ThreadJniEnv.
+// No lock is taken and nothing is allocated here once the thread's reply buffer has grown: any
+// number of threads may be in Java at once. A thread the JVM has never seen is attached for this
+// command only, by its ThreadJniEnv.
 int JvmLauncher::CallJava(unsigned char* message, int length) {
-    const auto threadEnv = std::make_unique<ThreadJniEnv>(m_jvm);
-    JNIEnv* env = threadEnv->m_jniEnv;
+    const ThreadJniEnv threadEnv(m_jvm);
+    JNIEnv* env = threadEnv.m_jniEnv;
     if (env == nullptr) {
         RaiseLauncherException("JVM Launcher: Exception code 051. Failed to attach thread to JVM");
     }
