@@ -22,19 +22,26 @@ std::atomic<std::uint64_t> launchersMade{0};
 // A reply buffer keeps this much capacity for the next command of its thread; a larger one is
 // freed once read.
 constexpr std::size_t keptReplyCapacity = 64 * 1024;
+
+// "true" in any case, nothing else: no trimming.
+bool isTrue(const char* value) {
+    std::string lowered = value;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return lowered == "true";
+}
 }  // namespace
 
 JvmLauncher::JvmLauncher(RuntimeOperationMode mode)
     : NativeLauncher(mode), m_id(launchersMade.fetch_add(1) + 1) {
+    const char* keepAttached = std::getenv("OSTRELINK_KEEP_THREADS_ATTACHED");
+    m_keepThreadsAttached = keepAttached != nullptr && isTrue(keepAttached);
     const char* debugMode = std::getenv("OSTRELINK_DEBUG_MODE");
     if (debugMode == nullptr) {
         return;
     }
     std::cout << "OSTRELINK_DEBUG_MODE found: " << debugMode << std::endl;
-    std::string value = debugMode;
-    std::transform(value.begin(), value.end(), value.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    m_debugMode = value == "true";
+    m_debugMode = isTrue(debugMode);
 }
 
 // Leaves the JVM running, its threads attached and its library open: the process may still use

@@ -82,6 +82,7 @@ private:
     int SendToJava(unsigned char* message, int length);
     void StartJvmOnce();
     int CallJava(unsigned char* message, int length);
+    int CallJavaOn(JNIEnv* env, unsigned char* message, int length);
     [[noreturn]] void RaiseLauncherException(const std::string& message);
     // After a JNI call that returned null: prints and clears a Java exception that may be pending,
     // so that no further JNI call (the runtime info above all) runs with one. True if one was.
@@ -111,6 +112,9 @@ private:
     std::mutex m_librariesMutex;
     std::atomic<bool> m_jvmInitialized{false};
     bool m_debugMode = false;
+    // OSTRELINK_KEEP_THREADS_ATTACHED: a thread that a command attaches stays attached, as a
+    // daemon, until it ends, instead of being detached after the command.
+    bool m_keepThreadsAttached = false;
     jint(JNICALL* m_createJavaVM)(JavaVM**, void**, void*) = nullptr;
     jint m_createJvmResult = 0;
     JNIEnv* m_JvmEnv = nullptr;

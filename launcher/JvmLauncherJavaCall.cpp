@@ -28,16 +28,25 @@ void JvmLauncher::StartJvmOnce() {
     }
 }
 
-// No lock is taken and nothing is allocated here once the thread's reply buffer has grown: any
-// number of threads may be in Java at once. A thread the JVM has never seen is attached for this
-// command only, by its ThreadJniEnv.
+// A thread the JVM has never seen is attached for this command only, by its ThreadJniEnv; or,
+// when threads are kept attached, for the rest of its life, as a daemon, and detached as it
+// ends. A kept thread then costs what an attached one does: attaching is the dear part.
 int JvmLauncher::CallJava(unsigned char* message, int length) {
+    if (m_keepThreadsAttached) {
+        return CallJavaOn(getJniEnvForThread(m_jvm), message, length);
+    }
     const ThreadJniEnv threadEnv(m_jvm);
-    JNIEnv* env = threadEnv.m_jniEnv;
+    return CallJavaOn(threadEnv.m_jniEnv, message, length);
+}
+
+// No lock is taken and nothing is allocated here once the thread's reply buffer has grown: any
+// number of threads may be in Java at once.
+int JvmLauncher::CallJavaOn(JNIEnv* env, unsigned char* message, int length) {
     if (env == nullptr) {
         RaiseLauncherException("JVM Launcher: Exception code 051. Failed to attach thread to JVM");
     }
-    // Local references go before the thread may be detached at the end of the command.
+    // Local references go before the thread may be detached at the end of the command, and a
+    // kept thread must not pile them up.
     ScopedLocalRef<jbyteArray> request(env, env->NewByteArray(length));
     if (request.get() == nullptr) {
         ClearPendingJavaException(env);

@@ -6,11 +6,13 @@ import java.util.Arrays;
 
 /**
  * Test receiver: echoes, marks heart beats, reports the JVM's class path as its runtime info, and
- * answers the command "jvm-arguments" with the options the JVM was started with, one a line.
+ * answers the command "jvm-arguments" with the options the JVM was started with, one a line, and
+ * "threads" with the number of live threads and whether the calling one is a daemon.
  */
 public final class Receiver {
     private static final int PAYLOAD_OFFSET = 24;
     private static final byte[] JVM_ARGUMENTS = "jvm-arguments".getBytes(StandardCharsets.UTF_8);
+    private static final byte[] THREADS = "threads".getBytes(StandardCharsets.UTF_8);
 
     private Receiver() {}
 
@@ -19,6 +21,10 @@ public final class Receiver {
                 message.length);
         if (Arrays.equals(payload, JVM_ARGUMENTS)) {
             return String.join("\n", ManagementFactory.getRuntimeMXBean().getInputArguments())
+                    .getBytes(StandardCharsets.UTF_8);
+        }
+        if (Arrays.equals(payload, THREADS)) {
+            return (Thread.activeCount() + " " + Thread.currentThread().isDaemon())
                     .getBytes(StandardCharsets.UTF_8);
         }
         return message;
