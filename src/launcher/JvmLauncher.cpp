@@ -17,60 +17,37 @@ using Ostrelink::Native::Definitions::healthCheckText;
 using Ostrelink::Native::Definitions::healthCheckTextLength;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 
-// The reply store is keyed by pthread_self(), and the id of a thread that has ended is handed to
-// the next new thread. So a thread drops the reply it left unread, in every launcher it stored
-// one in, when it ends.
-class JvmLauncher::ThreadReplyCleanup {
-public:
-    ThreadReplyCleanup() = default;
-    ThreadReplyCleanup(const ThreadReplyCleanup&) = delete;
-    ThreadReplyCleanup& operator=(const ThreadReplyCleanup&) = delete;
+namespace {
+std::atomic<std::uint64_t> launchersMade{0};
+// A reply buffer keeps this much capacity for the next command of its thread; a larger one is
+// freed once read.
+constexpr std::size_t keptReplyCapacity = 64 * 1024;
 
-    ~ThreadReplyCleanup() {
-        for (const auto& weakLink : m_links) {
-            if (const auto link = weakLink.lock()) {
-                std::lock_guard<std::mutex> lock(link->mutex);
-                if (link->launcher != nullptr) {
-                    link->launcher->DropReplyOfThread(pthread_self());
-                }
-            }
-        }
-    }
-
-    void watch(const std::shared_ptr<ReplyStoreLink>& link) {
-        const bool known =
-            std::any_of(m_links.begin(), m_links.end(),
-                        [&link](const auto& watched) { return watched.lock() == link; });
-        if (!known) {
-            m_links.push_back(link);
-        }
-    }
-
-private:
-    std::vector<std::weak_ptr<ReplyStoreLink>> m_links;
-};
+// "true" in any case, nothing else: no trimming.
+bool isTrue(const char* value) {
+    std::string lowered = value;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return lowered == "true";
+}
+}  // namespace
 
 JvmLauncher::JvmLauncher(RuntimeOperationMode mode)
-    : NativeLauncher(mode), m_replyStoreLink(std::make_shared<ReplyStoreLink>()) {
-    m_replyStoreLink->launcher = this;
-    m_responses.max_load_factor(1.0F);
+    : NativeLauncher(mode), m_id(launchersMade.fetch_add(1) + 1) {
+    const char* keepAttached = std::getenv("OSTRELINK_KEEP_THREADS_ATTACHED");
+    m_keepThreadsAttached = keepAttached != nullptr && isTrue(keepAttached);
     const char* debugMode = std::getenv("OSTRELINK_DEBUG_MODE");
     if (debugMode == nullptr) {
         return;
     }
     std::cout << "OSTRELINK_DEBUG_MODE found: " << debugMode << std::endl;
-    std::string value = debugMode;
-    std::transform(value.begin(), value.end(), value.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    m_debugMode = value == "true";
+    m_debugMode = isTrue(debugMode);
 }
 
 // Leaves the JVM running, its threads attached and its library open: the process may still use
-// all of them, and a later launcher adopts the JVM.
-JvmLauncher::~JvmLauncher() {
-    std::lock_guard<std::mutex> lock(m_replyStoreLink->mutex);
-    m_replyStoreLink->launcher = nullptr;
-}
+// all of them, and a later launcher adopts the JVM. Replies left unread stay with their threads,
+// under an id that no later launcher has, until those threads end.
+JvmLauncher::~JvmLauncher() = default;
 
 // Under the start's lock: a command that needs the JVM meanwhile waits for the library that this
 // binds, and the fields written here are read by the start.
@@ -108,23 +85,29 @@ int JvmLauncher::SendCommand(unsigned char* message, int length) {
     return SendToJava(message, length);
 }
 
-int JvmLauncher::StoreReply(std::vector<unsigned char> reply) {
-    thread_local ThreadReplyCleanup cleanup;
-    cleanup.watch(m_replyStoreLink);
-    std::lock_guard<std::mutex> lock(m_responsesMutex);
-    auto& entry = m_responses[pthread_self()];
-    entry = std::move(reply);
-    return static_cast<int>(entry.size());
+// Each thread keeps its own replies: no lock and no shared map on the way of a command, no reply
+// can reach another thread (also not one that inherits the id of an ended thread), and the
+// replies go when their thread ends. One entry per launcher the thread has used; a process has
+// one receiver, so one entry.
+JvmLauncher::ThreadReply& JvmLauncher::ReplyOfThisThread() {
+    thread_local std::vector<ThreadReply> replies;
+    for (auto& reply : replies) {
+        if (reply.launcherId == m_id) {
+            return reply;
+        }
+    }
+    return replies.emplace_back(ThreadReply{m_id, {}, false});
+}
+
+int JvmLauncher::StoreReply(const unsigned char* bytes, std::size_t size) {
+    ThreadReply& reply = ReplyOfThisThread();
+    reply.bytes.assign(bytes, bytes + size);
+    reply.stored = true;
+    return static_cast<int>(size);
 }
 
 int JvmLauncher::StoreAcknowledgeReply() {
-    return StoreReply(
-        std::vector<unsigned char>(acknowledgeReply, acknowledgeReply + acknowledgeReplyLength));
-}
-
-void JvmLauncher::DropReplyOfThread(pthread_t thread) {
-    std::lock_guard<std::mutex> lock(m_responsesMutex);
-    m_responses.erase(thread);
+    return StoreReply(acknowledgeReply, acknowledgeReplyLength);
 }
 
 int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
@@ -133,20 +116,17 @@ int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
             "JVM Launcher: Exception code 043. Response buffer is null or its length is "
             "negative");
     }
-    std::vector<unsigned char> reply;
-    {
-        std::lock_guard<std::mutex> lock(m_responsesMutex);
-        const auto entry = m_responses.find(pthread_self());
-        if (entry == m_responses.end()) {
-            RaiseLauncherException(
-                "JVM Launcher: Exception code 041.\nError while reading response");
-        }
-        reply = std::move(entry->second);
-        m_responses.erase(entry);
+    ThreadReply& reply = ReplyOfThisThread();
+    if (!reply.stored) {
+        RaiseLauncherException("JVM Launcher: Exception code 041.\nError while reading response");
     }
-    const auto count = std::min(reply.size(), static_cast<std::size_t>(length));
+    reply.stored = false;
+    const auto count = std::min(reply.bytes.size(), static_cast<std::size_t>(length));
     if (count != 0) {
-        std::memcpy(buffer, reply.data(), count);
+        std::memcpy(buffer, reply.bytes.data(), count);
+    }
+    if (reply.bytes.capacity() > keptReplyCapacity) {
+        std::vector<unsigned char>().swap(reply.bytes);
     }
     return 0;
 }

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <jni.h>
-#include <pthread.h>
 
 #include <atomic>
-#include <memory>
+#include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "contracts/RuntimeOperationMode.h"
@@ -21,8 +20,8 @@ class JvmLauncher;
 void createJavaVM(JvmLauncher* launcher);
 
 // The one object that knows the JVM of the process. Initialize binds the JVM library; the JVM
-// itself starts inside the first command that needs Java. Replies are kept per calling thread
-// until that thread reads them.
+// itself starts inside the first command that needs Java. Replies are kept by the calling thread
+// itself, one per launcher, until it reads them or ends.
 class JvmLauncher : public Ostrelink::Native::Launcher::NativeLauncher {
 public:
     explicit JvmLauncher(Ostrelink::Native::Definitions::RuntimeOperationMode mode);
@@ -58,8 +57,8 @@ public:
     void AddToLibrariesToLoad(std::string libraryPath);
 
     // Returns false when no Java exception is pending; otherwise describes it, clears it and
-    // throws through HandleException.
-    bool CheckAndHandleJvmException(JNIEnv* env, const std::string& code, bool clearException);
+    // throws through HandleException. code is a literal: its text is built only on failure.
+    bool CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException);
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 
@@ -73,24 +72,20 @@ public:
 private:
     friend void createJavaVM(JvmLauncher* launcher);
 
-    using ReplyStore = std::unordered_map<pthread_t, std::vector<unsigned char>>;
-
-    // Lets a thread that ends drop its unread reply, so that a later thread given the same id
-    // does not read it. Outlives the launcher; launcher is null once the launcher is gone.
-    struct ReplyStoreLink {
-        std::mutex mutex;
-        JvmLauncher* launcher = nullptr;
+    // The calling thread's reply in this launcher; see JvmLauncher.cpp.
+    struct ThreadReply {
+        std::uint64_t launcherId;
+        std::vector<unsigned char> bytes;
+        bool stored;
     };
-    // One per thread that stored a reply; see JvmLauncher.cpp.
-    class ThreadReplyCleanup;
-
-    // Stores reply as the calling thread's only entry, dropping an unread one; returns its size.
-    int StoreReply(std::vector<unsigned char> reply);
+    ThreadReply& ReplyOfThisThread();
+    // Stores the bytes as the calling thread's reply, dropping an unread one; returns the size.
+    int StoreReply(const unsigned char* bytes, std::size_t size);
     int StoreAcknowledgeReply();
-    void DropReplyOfThread(pthread_t thread);
     int SendToJava(unsigned char* message, int length);
     void StartJvmOnce();
     int CallJava(unsigned char* message, int length);
+    int CallJavaOn(JNIEnv* env, unsigned char* message, int length);
     [[noreturn]] void RaiseLauncherException(const std::string& message);
     // After a JNI call that returned null: prints and clears a Java exception that may be pending,
     // so that no further JNI call (the runtime info above all) runs with one. True if one was.
@@ -114,21 +109,22 @@ private:
     jmethodID m_sendCommandMethod = nullptr;
     jmethodID m_heartBeatMethod = nullptr;
     jmethodID m_getRuntimeInfoMethod = nullptr;
-    ReplyStore m_responses;
     const std::string m_runtimeName = "Jvm";
     jint m_jniVersion = 0;
     // Held by Initialize and by the start of the JVM.
     std::mutex m_jvmInitMutex;
     // Guards m_librariesToLoad and m_jvmLibraryPath, which the runtime info reads on any thread.
     std::mutex m_librariesMutex;
-    std::mutex m_byteArrayMutex;
-    std::mutex m_responsesMutex;
     std::atomic<bool> m_jvmInitialized{false};
     bool m_debugMode = false;
+    // OSTRELINK_KEEP_THREADS_ATTACHED: a thread that a command attaches stays attached, as a
+    // daemon, until it ends, instead of being detached after the command.
+    bool m_keepThreadsAttached = false;
     jint(JNICALL* m_createJavaVM)(JavaVM**, void**, void*) = nullptr;
     jint m_createJvmResult = 0;
     JNIEnv* m_JvmEnv = nullptr;
     JavaVM* m_jvm = nullptr;
     JavaVMInitArgs m_jvmInitArgs{};
-    std::shared_ptr<ReplyStoreLink> m_replyStoreLink;
+    // Names this launcher's replies in the threads' stores; never reused, unlike an address.
+    const std::uint64_t m_id;
 };

@@ -2,8 +2,7 @@
 
 #include "launcher/JvmLauncher.h"
 
-bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, const std::string& code,
-                                             bool clearException) {
+bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException) {
     if (env->ExceptionCheck() == JNI_FALSE) {
         return false;
     }
@@ -13,7 +12,8 @@ bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, const std::string& cod
         env->ExceptionClear();
     }
     HandleException(OstrelinkNativeException(
-        "JVM Launcher: Exception code " + code + ". JVM exception occurred", "Unknown"));
+        std::string("JVM Launcher: Exception code ") + code + ". JVM exception occurred",
+        "Unknown"));
 }
 
 void JvmLauncher::HandleException(OstrelinkNativeException exception) {

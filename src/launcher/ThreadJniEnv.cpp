@@ -1,6 +1,7 @@
 #include "launcher/ThreadJniEnv.h"
 
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "support/OstrelinkNativeException.h"

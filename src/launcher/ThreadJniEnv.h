@@ -2,8 +2,6 @@
 
 #include <jni.h>
 
-#include <memory>
-
 // Gives the current thread a JNIEnv* for as long as the object lives: takes the environment of a
 // thread that is attached already, attaches one that is not, and detaches on destruction exactly
 // when it was the one that attached. Nesting is therefore safe.

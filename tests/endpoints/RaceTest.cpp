@@ -5,12 +5,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <functional>
@@ -175,32 +178,34 @@ TEST(InitializeRace, ThreadsThatWaitedForAFailingRunGetItsFailure) {
     EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
 }
 
+// Even threads send (health checks and load-library commands), replace and read their answers;
+// odd threads only read, and must never find one: an answer that reaches the wrong thread shows
+// on both sides.
 TEST(ReplyStoreRace, HealthChecksLoadLibrariesAndEmptyReadsOnManyThreadsEachGetTheirOwnAnswer) {
     quietFailures();
     IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
     const JarDirectory jars;
     std::atomic<int> wrong{0};
     runTogether(8, [&](std::size_t thread) {
+        Bytes buffer(17, 0);
+        const auto readFails = [&] {
+            return throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
+        };
         for (std::size_t sequence = 0; sequence < 2000; ++sequence) {
+            if (thread % 2 == 1) {
+                wrong += readFails() ? 0 : 1;
+                continue;
+            }
             Bytes message =
                 sequence % 5 == 0
-                    ? makeMessage(jvmRuntime, 1, thread % 2 == 0 ? jars.path() : jars.file("a.jar"))
+                    ? makeMessage(jvmRuntime, 1, thread % 4 == 0 ? jars.path() : jars.file("a.jar"))
                     : healthCheckMessage();
-            if (sendAndRead(receiver, message) != acknowledgeBytes()) {
-                ++wrong;
-            }
             if (sequence % 40 == 0) {
                 // Two answers stored, one read: the second read finds nothing.
-                message = healthCheckMessage();
                 receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-                if (sendAndRead(receiver, message) != acknowledgeBytes()) {
-                    ++wrong;
-                }
-                Bytes buffer(17, 0);
-                if (!throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041")) {
-                    ++wrong;
-                }
             }
+            wrong += sendAndRead(receiver, message) == acknowledgeBytes() ? 0 : 1;
+            wrong += sequence % 40 != 0 || readFails() ? 0 : 1;
         }
     });
     EXPECT_EQ(wrong.load(), 0);
@@ -223,6 +228,34 @@ TEST(ReplyStoreRace, RepliesLeftUnreadByEndedThreadsAreNotReadByTheirSuccessors)
         });
     }
     EXPECT_EQ(stale.load(), 0);
+}
+
+// A read with nothing stored writes two error-log records, each with a pause of 50 ms. Another
+// thread's health checks must not wait for it: none takes as long as one such read.
+TEST(ReplyStoreRace, FailingReadsOnOneThreadDoNotHoldUpAnotherThreadsHealthChecks) {
+    const JarDirectory logs;
+    quietFailures(logs.path());
+    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
+    std::atomic<bool> done{false};
+    std::atomic<int> failedReads{0};
+    std::thread reader([&] {
+        Bytes buffer(17, 0);
+        while (!done.load()) {
+            failedReads += throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
+        }
+    });
+    auto slowest = std::chrono::steady_clock::duration::zero();
+    for (int roundTrips = 0; failedReads.load() < 3 || roundTrips < 1000; ++roundTrips) {
+        const auto start = std::chrono::steady_clock::now();
+        if (sendAndRead(receiver, healthCheckMessage()) != acknowledgeBytes()) {
+            ADD_FAILURE() << "a wrong answer to a health check";
+            break;
+        }
+        slowest = std::max(slowest, std::chrono::steady_clock::now() - start);
+    }
+    done.store(true);
+    reader.join();
+    EXPECT_LT(slowest, std::chrono::milliseconds(100));
 }
 
 TEST(TransmitterRace, ConcurrentSendersInMemoryEachReadTheirOwnReplies) {

@@ -90,6 +90,35 @@ TEST_F(JavaCall, AThreadTheJvmHasNeverSeenIsAttachedForItsCommandOnly) {
     foreign.join();
 }
 
+// With OSTRELINK_KEEP_THREADS_ATTACHED (any case) such a thread stays attached after its command,
+// as a daemon, and is detached when it ends: the count of live Java threads comes back.
+class KeptThreads : public JavaCall {
+protected:
+    void SetUp() override {
+        setEnvironment("OSTRELINK_KEEP_THREADS_ATTACHED", "True");
+        JavaCall::SetUp();
+    }
+    // The probe's answer: live Java threads, and whether the calling thread is a daemon.
+    std::string threads() {
+        const Bytes reply = sendAndRead(receiver, javaCommand("threads"));
+        return std::string(reply.begin(), reply.end());
+    }
+};
+
+TEST_F(KeptThreads, AThreadTheJvmHasNeverSeenStaysAttachedAsADaemonUntilItEnds) {
+    const std::string before = threads();
+    const auto jvms = runningJvms();
+    ASSERT_EQ(jvms.size(), 1U);
+    const int count = std::stoi(before);
+    std::thread foreign([&] {
+        EXPECT_EQ(threads(), std::to_string(count + 1) + " true");
+        EXPECT_EQ(threadAttachState(jvms[0]), JNI_OK);
+        EXPECT_EQ(threads(), std::to_string(count + 1) + " true");
+    });
+    foreign.join();
+    EXPECT_EQ(threads(), before);
+}
+
 TEST_F(JavaCall, AThreadThatWasAttachedStaysAttached) {
     sendAndRead(receiver, javaCommand("start"));
     const auto jvms = runningJvms();

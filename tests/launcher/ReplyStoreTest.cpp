@@ -44,9 +44,14 @@ TEST_F(ReplyStore, ASecondSendReplacesTheUnreadReply) {
     EXPECT_THAT(readFailure(), StartsWith(noReply));
 }
 
-TEST_F(ReplyStore, AHealthCheckReplacesAnUnreadJavaReply) {
-    send(javaCommand("java reply"));
-    EXPECT_EQ(sendAndRead(receiver, healthCheckMessage()), acknowledgeBytes());
+// Answers made in the native layer replace an unread Java reply as another Java reply does.
+TEST_F(ReplyStore, AHealthCheckOrALoadLibraryCommandReplacesAnUnreadJavaReply) {
+    for (const Bytes& native :
+         {healthCheckMessage(), loadLibraryCommand(testJar("custom-first"))}) {
+        send(javaCommand("java reply"));
+        EXPECT_EQ(sendAndRead(receiver, native), acknowledgeBytes());
+        EXPECT_THAT(readFailure(), StartsWith(noReply));
+    }
 }
 
 TEST_F(ReplyStore, AShortBufferGetsTheFirstBytesAndTheRestIsGone) {
@@ -75,11 +80,20 @@ TEST_F(ReplyStore, LengthZeroCopiesNothingAndStillRemovesTheEntry) {
     EXPECT_THAT(readFailure(), StartsWith(noReply));
 }
 
+// Each thread has its own payload, so a reply that reaches the wrong thread shows.
 TEST_F(ReplyStore, AReplyCanBeReadOnlyOnTheThreadThatSent) {
-    send(healthCheckMessage());
-    std::thread other([&] { EXPECT_THAT(readFailure(), StartsWith(noReply)); });
+    const Bytes mine = javaCommand("the main thread's reply");
+    send(mine);
+    std::thread other([&] {
+        EXPECT_THAT(readFailure(), StartsWith(noReply));
+        const Bytes its = javaCommand("the other thread's reply");
+        EXPECT_EQ(sendAndRead(receiver, its), its);
+        EXPECT_THAT(readFailure(), StartsWith(noReply));
+    });
     other.join();
-    EXPECT_EQ(sendAndRead(receiver, healthCheckMessage()), acknowledgeBytes());
+    Bytes buffer(mine.size(), 0);
+    EXPECT_EQ(receiver->ReadResponse(buffer.data(), static_cast<int>(buffer.size())), 0);
+    EXPECT_EQ(buffer, mine);
 }
 
 // A thread that ends with its reply unread takes the reply with it: a new thread that is given

@@ -7,12 +7,14 @@ import java.util.Arrays;
 /**
  * Test receiver: echoes, marks heart beats, reports the JVM's class path as its runtime info, and
  * answers the command "jvm-arguments" with the options the JVM was started with, one a line,
- * "max-memory" with Runtime.maxMemory, and "property NAME" with that system property.
+ * "max-memory" with Runtime.maxMemory, "property NAME" with that system property, and "threads"
+ * with the number of live threads and whether the calling one is a daemon.
  */
 public final class Receiver {
     private static final int PAYLOAD_OFFSET = 24;
     private static final byte[] JVM_ARGUMENTS = "jvm-arguments".getBytes(StandardCharsets.UTF_8);
     private static final String PROPERTY = "property ";
+    private static final byte[] THREADS = "threads".getBytes(StandardCharsets.UTF_8);
 
     private Receiver() {}
 
@@ -29,6 +31,10 @@ public final class Receiver {
         }
         if (text.startsWith(PROPERTY)) {
             return String.valueOf(System.getProperty(text.substring(PROPERTY.length())))
+                    .getBytes(StandardCharsets.UTF_8);
+        }
+        if (Arrays.equals(payload, THREADS)) {
+            return (Thread.activeCount() + " " + Thread.currentThread().isDaemon())
                     .getBytes(StandardCharsets.UTF_8);
         }
         return message;
