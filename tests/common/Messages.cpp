@@ -20,8 +20,15 @@ Bytes healthCheckMessage(unsigned char targetRuntime) {
 }
 
 Bytes acknowledgeBytes() {
-    return Bytes(std::begin(Ostrelink::Native::Definitions::acknowledgeReply),
-                 std::end(Ostrelink::Native::Definitions::acknowledgeReply));
+    return {0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+            0x02, 0x00, 0x02, 0x04, 0x00, 0x00, 0x00, 0x00};
+}
+
+Bytes payloadOf(const Bytes& reply) {
+    if (reply.size() < static_cast<std::size_t>(CommandHeader::size)) {
+        return {};
+    }
+    return Bytes(reply.begin() + CommandHeader::size, reply.end());
 }
 
 void setRoute(Bytes& message, unsigned char connectionType, const unsigned char (&address)[4],

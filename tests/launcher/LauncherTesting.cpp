@@ -92,16 +92,6 @@ jint threadAttachState(JavaVM* jvm) {
     return jvm->GetEnv(&env, JNI_VERSION_1_8);
 }
 
-std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& exception) {
-        return exception.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
-
 Bytes sendAndRead(IReceiver* receiver, const Bytes& message) {
     Bytes copy = message;
     const int length = receiver->SendCommand(copy.data(), static_cast<int>(copy.size()));

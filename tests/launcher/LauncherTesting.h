@@ -9,7 +9,7 @@
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeOperationMode.h>
 
-#include "common/Messages.h"
+#include "common/Calls.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::IReceiver;
@@ -60,8 +60,6 @@ std::vector<JavaVM*> runningJvms();
 // GetEnv of the current thread: JNI_OK when attached, JNI_EDETACHED when not.
 jint threadAttachState(JavaVM* jvm);
 
-// The what() of the exception that action throws; a test failure if it throws none.
-std::string failureOf(const std::function<void()>& action);
 
 // Sends message and reads the whole reply on the calling thread.
 Bytes sendAndRead(IReceiver* receiver, const Bytes& message);

@@ -12,6 +12,7 @@
 #include <vector>
 
 // The library's own headers, not the installed copies: the two must not meet in one unit.
+#include "common/Calls.h"
 #include "common/HostLibrary.h"
 #include "contracts/RuntimeFactories.h"
 #include "transport/TransportInMemory.h"
@@ -43,21 +44,6 @@ Bytes message(unsigned char target, const std::string& query, unsigned char call
     bytes[9] = calling;
     std::copy(query.begin(), query.end(), bytes.begin() + 24);
     return bytes;
-}
-
-Bytes payloadOf(const Bytes& reply) {
-    return reply.size() < 11 ? Bytes{} : Bytes(reply.begin() + 11, reply.end());
-}
-
-template <typename Action>
-std::string thrownText(Action action) {
-    try {
-        action();
-    } catch (const std::exception& exception) {
-        return exception.what();
-    }
-    ADD_FAILURE() << "no exception thrown";
-    return {};
 }
 
 bool cppLoaded() {
@@ -103,11 +89,11 @@ TEST(ChannelUnit, EveryRoadThroughAnEmptyEntryGives019) {
     const std::string receiverText =
         "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Cpp is set up "
         "on the in-memory channel";
-    EXPECT_EQ(thrownText([&] { channel.SendCommand(hello.data(), 29); }), receiverText);
-    EXPECT_EQ(thrownText([&] { channel.ReadResponse(hello.data(), 29); }), receiverText);
-    EXPECT_THAT(thrownText([&] { channel.SendHeartBeatToCalledRuntime(); }),
+    EXPECT_EQ(failureOf([&] { channel.SendCommand(hello.data(), 29); }), receiverText);
+    EXPECT_EQ(failureOf([&] { channel.ReadResponse(hello.data(), 29); }), receiverText);
+    EXPECT_THAT(failureOf([&] { channel.SendHeartBeatToCalledRuntime(); }),
                 HasSubstr("Exception code 019"));
-    EXPECT_THAT(thrownText([&] { channel.DeployRuntime(hello.data(), 29, "", 0); }),
+    EXPECT_THAT(failureOf([&] { channel.DeployRuntime(hello.data(), 29, "", 0); }),
                 HasSubstr("No transmitter of runtime Unknown"));
     EXPECT_FALSE(cppLoaded());
 }
@@ -144,8 +130,8 @@ TEST(ChannelUnit, NetworkChannelBeforeInitializeGives013AndLoadsNothing) {
     const std::string text =
         "Ostrelink Native Exception: Exception code 013. \nReinstall Ostrelink "
         "package";
-    EXPECT_EQ(thrownText([&] { channel.SendCommand(hello.data(), 29); }), text);
-    EXPECT_EQ(thrownText([&] { channel.ReadResponse(hello.data(), 29); }), text);
+    EXPECT_EQ(failureOf([&] { channel.SendCommand(hello.data(), 29); }), text);
+    EXPECT_EQ(failureOf([&] { channel.ReadResponse(hello.data(), 29); }), text);
     EXPECT_EQ(channel.SetEmbeddedRuntime(2, 8, 0, "x"), 0);
     EXPECT_EQ(channel.DeployRuntime(hello.data(), 29, "x", 0), 0);
 }

@@ -175,7 +175,7 @@ TEST(EndToEnd, RefusedConnectionReachesTheSender) {
     ITransmitter* sender = transmitter();
     Bytes message = javaCommand(1, port, "nobody there");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_FALSE(thrownText([&] {
+        EXPECT_FALSE(failureOf([&] {
                          sender->SendCommand(message.data(), static_cast<int>(message.size()));
                      }).empty());
     }

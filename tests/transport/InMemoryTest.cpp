@@ -73,7 +73,7 @@ TEST(InMemory, ExceptionRepliesAndForeignFailuresReachTheSender) {
     EXPECT_EQ(reply[10], 10);
     Bytes failing = inMemoryMessage(cpp, jvm, "fail");
     EXPECT_EQ(
-        thrownText([&] { sender->SendCommand(failing.data(), static_cast<int>(failing.size())); }),
+        failureOf([&] { sender->SendCommand(failing.data(), static_cast<int>(failing.size())); }),
         "Cpp runtime: command failed on request");
 }
 
@@ -81,7 +81,7 @@ TEST(InMemory, TargetAboveTenFailsInTheLoader) {
     ITransmitter* sender = stagedTransmitter();
     Bytes message = inMemoryMessage(11, jvm, "hello");
     const std::string text =
-        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
+        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
     EXPECT_THAT(text,
                 StartsWith("Ostrelink Native Exception: Exception code 001. \nCannot load: "));
     EXPECT_THAT(text, EndsWith("/Unknown. \nError: File not found."));
@@ -128,11 +128,11 @@ TEST(InMemory, ReadingFromARuntimeThatIsNotSetUpGives019) {
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     const int length = sender->SendCommand(message.data(), static_cast<int>(message.size()));
     Bytes buffer(static_cast<std::size_t>(length), 5);
-    EXPECT_EQ(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
+    EXPECT_EQ(failureOf([&] { sender->ReadResponse(buffer.data(), length); }),
               "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Python is "
               "set up on the in-memory channel");
     buffer[0] = 200;
-    EXPECT_THAT(thrownText([&] { sender->ReadResponse(buffer.data(), length); }),
+    EXPECT_THAT(failureOf([&] { sender->ReadResponse(buffer.data(), length); }),
                 HasSubstr("Exception code 019"));
     buffer[0] = cpp;
     EXPECT_EQ(sender->ReadResponse(buffer.data(), length), 0);
@@ -152,7 +152,7 @@ TEST(InMemory, DeployRuntimeGoesToTheCalledRuntimesTransmitter) {
 TEST(InMemory, DeployRuntimeBackToThisLibraryEndsTheChain) {
     ITransmitter* sender = stagedTransmitter();
     Bytes message = inMemoryMessage(jvm, cpp, "deploy");
-    EXPECT_EQ(thrownText([&] {
+    EXPECT_EQ(failureOf([&] {
                   sender->DeployRuntime(message.data(), static_cast<int>(message.size()), "", 0);
               }),
               "Ostrelink Native Exception: Exception code 028. \nDeployRuntime loops back to the "
@@ -166,7 +166,7 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateReceiverGives014EveryTime) {
         createTransmitter(installedRuntime("cpp_without_receiver"), RuntimeOperationMode::Calling);
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(thrownText([&] {
+        EXPECT_EQ(failureOf([&] {
                       sender->SendCommand(message.data(), static_cast<int>(message.size()));
                   }),
                   reinstall("014"));
@@ -178,7 +178,7 @@ TEST(InMemoryFailures, CalledFactoryReturningNullGives015) {
         createTransmitter(installedRuntime("cpp_null_factories"), RuntimeOperationMode::Calling);
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     EXPECT_EQ(
-        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
+        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
         reinstall("015"));
 }
 
@@ -188,7 +188,7 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoring
                                              RuntimeOperationMode::Calling);
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(thrownText([&] {
+        EXPECT_EQ(failureOf([&] {
                       sender->SendCommand(message.data(), static_cast<int>(message.size()));
                   }),
                   reinstall("016"));
@@ -210,7 +210,7 @@ TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
         createTransmitter(installedRuntime("cpp_null_transmitter"), RuntimeOperationMode::Calling);
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     EXPECT_EQ(
-        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
+        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
         reinstall("027"));
 }
 

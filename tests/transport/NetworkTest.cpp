@@ -22,7 +22,7 @@ std::string reinstall(const char* code) {
 
 std::string sendFailure(ITransmitter* sender, unsigned char connectionType, unsigned short port) {
     Bytes message = routedMessage(8, 2, connectionType, "ping", local, port);
-    return thrownText(
+    return failureOf(
         [&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
 }
 

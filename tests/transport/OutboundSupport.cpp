@@ -52,20 +52,3 @@ Bytes sendAndRead(ITransmitter* transmitter, Bytes message, unsigned char readFr
     EXPECT_EQ(transmitter->ReadResponse(reply.data(), length), 0);
     return reply;
 }
-
-Bytes payloadOf(const Bytes& reply) {
-    if (reply.size() < 11) {
-        return {};
-    }
-    return Bytes(reply.begin() + 11, reply.end());
-}
-
-std::string thrownText(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& exception) {
-        return exception.what();
-    }
-    ADD_FAILURE() << "no exception thrown";
-    return {};
-}

@@ -7,7 +7,7 @@
 #include <ostrelink/RuntimeOperationMode.h>
 
 #include "common/HostLibrary.h"
-#include "common/Messages.h"
+#include "common/Calls.h"
 
 // Full path of a file in the native directory of one of the test installations.
 std::string installedFile(const std::string& installation, const std::string& file);
@@ -28,8 +28,4 @@ Bytes routedMessage(unsigned char targetRuntime, unsigned char callingRuntime,
 Bytes sendAndRead(Ostrelink::Native::Interfaces::ITransmitter* transmitter, Bytes message,
                   unsigned char readFrom);
 
-// The payload of a reply: what follows its 11-byte header.
-Bytes payloadOf(const Bytes& reply);
 
-// The what() of the exception that action throws; fails the test if it throws none.
-std::string thrownText(const std::function<void()>& action);

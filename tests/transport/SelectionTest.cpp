@@ -163,7 +163,7 @@ TEST(Selection, ShortMessagesAndBuffersAreRefusedBeforeAnyByteIsRead) {
     ITransmitter* sender = transmitter();
     Bytes message = networkMessage(tcp, local, 9000);
     for (int length : {10, 0, -1}) {
-        EXPECT_EQ(thrownText([&] { sender->SendCommand(message.data(), length); }),
+        EXPECT_EQ(failureOf([&] { sender->SendCommand(message.data(), length); }),
                   "Message byte array length is less than 11");
     }
     // In memory, the read's first byte picks the runtime.
@@ -184,7 +184,7 @@ TEST(Selection, ShortMessagesAndBuffersAreRefusedBeforeAnyByteIsRead) {
         {[&] { sender->ReadResponse(none.data(), 0); }, noBuffer},
     };
     for (const auto& [call, text] : refused) {
-        EXPECT_EQ(thrownText(call), text);
+        EXPECT_EQ(failureOf(call), text);
     }
     EXPECT_THAT(events(tcpClient), IsEmpty());
 
@@ -199,7 +199,7 @@ TEST(Selection, UnknownConnectionTypeThrows023AndKeepsTheCurrentChannel) {
 
     Bytes unknown = networkMessage(3, local, 9001);
     EXPECT_EQ(
-        thrownText([&] { sender->SendCommand(unknown.data(), static_cast<int>(unknown.size())); }),
+        failureOf([&] { sender->SendCommand(unknown.data(), static_cast<int>(unknown.size())); }),
         "Ostrelink Native Exception: Exception code 023.");
 
     Bytes reply(static_cast<std::size_t>(length), 0);
@@ -211,7 +211,7 @@ TEST(Selection, UnknownConnectionTypeThrows023AndKeepsTheCurrentChannel) {
 TEST(Selection, ReadResponseBeforeAnySelectionIsRefused) {
     ITransmitter* sender = transmitter();
     Bytes buffer(20, cpp);
-    EXPECT_EQ(thrownText([&] { sender->ReadResponse(buffer.data(), 20); }),
+    EXPECT_EQ(failureOf([&] { sender->ReadResponse(buffer.data(), 20); }),
               "Ostrelink Native Exception: Exception code 029. \nNo transport channel selected: "
               "send a command before reading its response");
 }
@@ -225,7 +225,7 @@ TEST(Selection, SetEmbeddedRuntimeSwitchesToTheInMemoryChannel) {
     // The read now goes to the Cpp runtime in memory, which holds no reply for this thread.
     Bytes buffer(message.size(), cpp);
     EXPECT_THAT(
-        thrownText([&] { sender->ReadResponse(buffer.data(), static_cast<int>(buffer.size())); }),
+        failureOf([&] { sender->ReadResponse(buffer.data(), static_cast<int>(buffer.size())); }),
         HasSubstr("Cpp runtime: no response stored"));
 
     const std::string expected = std::string(1, '\x04') + "/opt/cpp";
@@ -285,7 +285,7 @@ TEST(Selection, ClientInitializeFailureReachesTheSenderOnce) {
     ITransmitter* sender = transmitter();
     Bytes message = networkMessage(tcp, local, 1);
     EXPECT_EQ(
-        thrownText([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
+        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
         "recording client: connection refused");
     EXPECT_EQ(sendAndRead(sender, message, cpp), message);
     EXPECT_THAT(events(tcpClient),

@@ -75,7 +75,7 @@ TEST(TransmitterFactory, NotSetBuildsATransmitterAndLeavesTheModeOpen) {
     ITransmitter* transmitter = createTransmitter(stagedRuntime(), RuntimeOperationMode::NotSet);
     ASSERT_NE(transmitter, nullptr);
     // The mode is still -1, so a receiver can't be built with it.
-    EXPECT_THAT(thrownText([] { createReceiver(RuntimeOperationMode::NotSet); }),
+    EXPECT_THAT(failureOf([] { createReceiver(RuntimeOperationMode::NotSet); }),
                 HasSubstr("Exception code 032"));
     EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Called), transmitter);
     EXPECT_TRUE(receiverComesUpAsCalled());
