@@ -155,7 +155,9 @@ TEST_F(HostilePeer, ACertificateForAnotherAddressFailsVerificationWithAClearText
     const Bytes request = message(2, wrongServer.port(), "wrong certificate");
     EXPECT_THAT(failureWithinTimeOut(request),
                 AllOf(HasSubstr(endpoint("TLS", wrongServer.port())), HasSubstr("certificate")));
-    // The process goes on: a server with the right certificate answers on another port.
+    // The process goes on: a server with the right certificate answers on another port. Its
+    // first command starts a JVM there, which takes longer than the time-out under sanitizers.
+    ::setenv("OSTRELINK_NET_READ_TIMEOUT_MS", "60000", 1);
     ServerProcess rightServer({"--port", "0", "--tls-cert", certificates.serverCert, "--tls-key",
                                certificates.serverKey});
     const Bytes good = message(2, rightServer.port(), "right certificate");

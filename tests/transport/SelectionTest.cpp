@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -146,7 +147,7 @@ public:
         EXPECT_NE(m_base, MAP_FAILED);
         EXPECT_EQ(mprotect(m_base + m_page, m_page, PROT_NONE), 0);
         m_bytes = m_base + m_page - bytes.size();
-        std::memcpy(m_bytes, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), m_bytes);
     }
     ~PageEdge() { munmap(m_base, 2 * m_page); }
     PageEdge(const PageEdge&) = delete;
