@@ -101,16 +101,14 @@ void BareLoopback::Stream::writeAll(const unsigned char* data, std::size_t size)
     }
 }
 
-void BareLoopback::setUpTls(const TestCertificate& tls) {
+void BareLoopback::setUpTls(const TestCertificates& tls) {
     m_serverContext.reset(SSL_CTX_new(TLS_server_method()));
     m_clientContext.reset(SSL_CTX_new(TLS_client_method()));
     if (!m_serverContext || !m_clientContext ||
-        SSL_CTX_use_certificate_chain_file(m_serverContext.get(), tls.certificateFile().c_str()) !=
-            1 ||
-        SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls.keyFile().c_str(),
+        SSL_CTX_use_certificate_chain_file(m_serverContext.get(), tls.serverCert.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls.serverKey.c_str(),
                                     SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_load_verify_locations(m_clientContext.get(), tls.certificateFile().c_str(),
-                                      nullptr) != 1) {
+        SSL_CTX_load_verify_locations(m_clientContext.get(), tls.caCert.c_str(), nullptr) != 1) {
         throw std::runtime_error("bare loopback: cannot set up TLS");
     }
     SSL_CTX_set_verify(m_clientContext.get(), SSL_VERIFY_PEER, nullptr);
@@ -141,7 +139,7 @@ void BareLoopback::handshake() {
     }
 }
 
-BareLoopback::BareLoopback(const TestCertificate* tls) {
+BareLoopback::BareLoopback(const TestCertificates* tls) {
     if (tls != nullptr) {
         setUpTls(*tls);
     }
@@ -170,7 +168,7 @@ BareLoopback::BareLoopback(const TestCertificate* tls) {
     handshake();
 }
 
-BareLoopback::BareLoopback(unsigned short serverPort, const TestCertificate* tls) {
+BareLoopback::BareLoopback(unsigned short serverPort, const TestCertificates* tls) {
     if (tls != nullptr) {
         setUpTls(*tls);
     }

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "channels/TestCertificate.h"
+#include "common/TestCertificates.h"
 
 // The baseline of the network channels: a client and a server thread in this process, joined by
 // one connection on 127.0.0.1, speaking the same frames (a 4-byte big-endian length, then the
@@ -15,9 +15,9 @@
 // TLS runs over the same connection with the library's defaults on both sides.
 class BareLoopback {
 public:
-    explicit BareLoopback(const TestCertificate* tls = nullptr);
+    explicit BareLoopback(const TestCertificates* tls = nullptr);
     // Only the bare client, connected to a server that runs elsewhere on 127.0.0.1.
-    BareLoopback(unsigned short serverPort, const TestCertificate* tls);
+    BareLoopback(unsigned short serverPort, const TestCertificates* tls);
     ~BareLoopback();
     BareLoopback(const BareLoopback&) = delete;
     BareLoopback& operator=(const BareLoopback&) = delete;
@@ -45,7 +45,7 @@ public:
     };
 
 private:
-    void setUpTls(const TestCertificate& tls);
+    void setUpTls(const TestCertificates& tls);
     void connectClient(unsigned short port);
     void handshake();
     void serve(Stream stream);

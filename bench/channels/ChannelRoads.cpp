@@ -15,9 +15,9 @@
 #include <ostrelink/RuntimeFactories.h>
 
 #include "channels/BareLoopback.h"
-#include "channels/TestCertificate.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
+#include "common/TestCertificates.h"
 #include "support/ChildProcess.h"
 #include "support/StagedRuntime.h"
 #include "support/Summary.h"
@@ -37,7 +37,7 @@ constexpr unsigned char loopbackAddress[4] = {127, 0, 0, 1};
 // ostrelink-server of the staged tree on a port of its choosing; ended by its pid.
 class Server {
 public:
-    explicit Server(const TestCertificate* tls) : m_process(start(tls)) {
+    explicit Server(const TestCertificates* tls) : m_process(start(tls)) {
         const std::string prefix = "listening on 127.0.0.1:";
         for (;;) {
             const std::string line = m_process.readLine(30000);
@@ -50,12 +50,12 @@ public:
     unsigned short port() const { return m_port; }
 
 private:
-    static ChildProcess start(const TestCertificate* tls) {
+    static ChildProcess start(const TestCertificates* tls) {
         // Connections of the bare client sit idle while other benchmarks run.
         std::vector<std::string> arguments{"--port", "0", "--idle-timeout-ms", "3600000"};
         if (tls != nullptr) {
             arguments.insert(arguments.end(),
-                             {"--tls-cert", tls->certificateFile(), "--tls-key", tls->keyFile()});
+                             {"--tls-cert", tls->serverCert, "--tls-key", tls->serverKey});
         }
         ChildProcess::Options options;
         options.captureStdout = true;
@@ -69,7 +69,7 @@ private:
 struct Roads {
     ITransmitter* transmitter = nullptr;
     IReceiver* cppReceiver = nullptr;
-    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<TestCertificates> certificate;
     std::unique_ptr<Server> tcpServer;
     std::unique_ptr<Server> tlsServer;
     std::unique_ptr<BareLoopback> bareTcp;
@@ -171,11 +171,11 @@ void setUpInMemory() {
     }
 }
 
-// The network roads share one certificate: the server presents it, the client library and the
-// bare client trust it.
+// The network roads share the test PKI: the server presents its server certificate, the client
+// library and the bare client trust its CA.
 void setUpNetwork() {
-    roads.certificate = std::make_unique<TestCertificate>();
-    setenv("OSTRELINK_TLS_CA_FILE", roads.certificate->certificateFile().c_str(), 1);
+    roads.certificate = std::make_unique<TestCertificates>();
+    setenv("OSTRELINK_TLS_CA_FILE", roads.certificate->caCert.c_str(), 1);
     roads.tcpServer = std::make_unique<Server>(nullptr);
     roads.tlsServer = std::make_unique<Server>(roads.certificate.get());
     roads.bareTcp = std::make_unique<BareLoopback>();

@@ -2,10 +2,10 @@
 # Installs the build into a fresh prefix and moves it, builds InstalledHost through
 # find_package(OstrelinkRuntime) against the moved prefix alone, checks the pkg-config file, and
 # runs the host against the installed library. For tcp and tls it first starts the installed
-# ostrelink-server on 127.0.0.1 (a free port), with a throwaway certificate for tls.
-# Usage: run-installed-host.sh BUILD_DIR PROJECT_DIR COMPILER "FLAGS" MODE THREADS ROUNDS
+# ostrelink-server on 127.0.0.1 (a free port), with the test PKI's server certificate for tls.
+# Usage: run-installed-host.sh BUILD_DIR PROJECT_DIR COMPILER "FLAGS" MODE THREADS ROUNDS PKI_DIR
 set -euo pipefail
-build_dir=$1 project=$2 compiler=$3 flags=$4 mode=$5 threads=$6 rounds=$7
+build_dir=$1 project=$2 compiler=$3 flags=$4 mode=$5 threads=$6 rounds=$7 pki=$8
 work=$(mktemp -d)
 prefix="$work/moved"
 server_pid=""
@@ -36,11 +36,8 @@ port=""
 if [ "$mode" = tcp ] || [ "$mode" = tls ]; then
     server_args=(--port 0)
     if [ "$mode" = tls ]; then
-        openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 \
-            -addext subjectAltName=IP:127.0.0.1 -keyout "$prefix/key.pem" \
-            -out "$prefix/cert.pem" 2> /dev/null
-        server_args+=(--tls-cert "$prefix/cert.pem" --tls-key "$prefix/key.pem")
-        export OSTRELINK_TLS_CA_FILE="$prefix/cert.pem"
+        server_args+=(--tls-cert "$pki/server.pem" --tls-key "$pki/server.key")
+        export OSTRELINK_TLS_CA_FILE="$pki/ca.pem"
     fi
     "$prefix/bin/ostrelink-server" "${server_args[@]}" > "$prefix/server.out" 2>&1 &
     server_pid=$!

@@ -13,8 +13,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -23,46 +21,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void runOpenssl(const std::string& directory, const std::string& arguments) {
-    const std::string command =
-        "cd '" + directory + "' && openssl " + arguments + " >/dev/null 2>openssl-errors.txt";
-    if (std::system(command.c_str()) != 0) {
-        std::ifstream errors(directory + "/openssl-errors.txt");
-        std::stringstream text;
-        text << errors.rdbuf();
-        throw std::runtime_error("openssl " + arguments + " failed: " + text.str());
-    }
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path) << content;
-}
-
 std::string readFile(const std::string& path) {
     std::ifstream file(path);
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
-}
-
-const char* newKey = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-
-void makeCa(const std::string& directory, const std::string& name) {
-    runOpenssl(directory, std::string("req -x509 ") + newKey + " -keyout " + name + ".key -out " +
-                              name + ".pem -days 2 -subj /CN=" + name +
-                              " -addext basicConstraints=critical,CA:TRUE"
-                              " -addext keyUsage=critical,keyCertSign,cRLSign");
-}
-
-void makeLeaf(const std::string& directory, const std::string& name,
-              const std::string& extensions) {
-    writeFile(directory + "/" + name + ".ext", extensions);
-    runOpenssl(directory, std::string("req ") + newKey + " -keyout " + name + ".key -out " + name +
-                              ".csr -subj /CN=" + name);
-    runOpenssl(directory, "x509 -req -in " + name +
-                              ".csr -CA ca.pem -CAkey ca.key -CAcreateserial"
-                              " -days 2 -out " +
-                              name + ".pem -extfile " + name + ".ext");
 }
 
 // The command line of the server, built before fork: the child only redirects and execs, since
@@ -112,40 +75,6 @@ std::string temporaryFile() {
 }
 
 }  // namespace
-
-TemporaryDirectory::TemporaryDirectory() {
-    char name[] = "/tmp/ostrelink-network-test-XXXXXX";
-    if (::mkdtemp(name) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    m_path = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-}
-
-TestCertificates::TestCertificates() {
-    const std::string& dir = directory.path();
-    makeCa(dir, "ca");
-    makeCa(dir, "otherca");
-    makeLeaf(
-        dir, "server",
-        "subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n");
-    makeLeaf(
-        dir, "wronghost",
-        "subjectAltName=IP:127.0.0.2\nbasicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n");
-    makeLeaf(dir, "client", "basicConstraints=CA:FALSE\nextendedKeyUsage=clientAuth\n");
-    caCert = directory.file("ca.pem");
-    otherCaCert = directory.file("otherca.pem");
-    serverCert = directory.file("server.pem");
-    serverKey = directory.file("server.key");
-    wrongHostCert = directory.file("wronghost.pem");
-    wrongHostKey = directory.file("wronghost.key");
-    clientCert = directory.file("client.pem");
-    clientKey = directory.file("client.key");
-}
 
 TestPeer::TestPeer(Handler handler) {
     m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

@@ -16,6 +16,7 @@
 
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
+#include "common/TestCertificates.h"
 
 using Ostrelink::Native::Interfaces::ITransport;
 
@@ -30,33 +31,6 @@ std::string failureOf(Call call) {
     ADD_FAILURE() << "no exception";
     return {};
 }
-
-// A directory under /tmp, removed with everything in it at the end of its scope.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    const std::string& path() const { return m_path; }
-    std::string file(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
-
-// A throwaway PKI made with the openssl command line for one test: a CA, a server certificate
-// for 127.0.0.1, one for 127.0.0.2 (the wrong host), a client certificate, and a second CA
-// that issued none of them. Keys are EC P-256 and live only in the temporary directory.
-struct TestCertificates {
-    TemporaryDirectory directory;
-    std::string caCert, otherCaCert;
-    std::string serverCert, serverKey;
-    std::string wrongHostCert, wrongHostKey;
-    std::string clientCert, clientKey;
-
-    TestCertificates();
-};
 
 // A tiny TCP peer on 127.0.0.1 for misbehaving on purpose. Each accepted connection runs the
 // handler on a thread of its own with a blocking socket (5 s time-outs), and is closed when the

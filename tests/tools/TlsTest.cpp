@@ -89,7 +89,7 @@ TEST(NetworkTls, PlainClientGetsNoAnswerFromATlsServer) {
 
 TEST(NetworkTls, UnusableTlsSettingsFailInTheFactory) {
     TestCertificates pki;
-    ::setenv("OSTRELINK_TLS_CA_FILE", pki.directory.file("missing.pem").c_str(), 1);
+    ::setenv("OSTRELINK_TLS_CA_FILE", (pki.caCert + ".missing").c_str(), 1);
     EXPECT_THAT(failureOf([&] { ClientLibrary::tls().connect("127.0.0.1", 1); }),
                 HasSubstr("cannot load the CA file"));
     ::setenv("OSTRELINK_TLS_CA_FILE", pki.caCert.c_str(), 1);
