@@ -5,6 +5,7 @@
 
 #include "contracts/CommandHeader.h"
 #include "contracts/ConnectionType.h"
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 #include "transport/TransportInMemory.h"
 #include "transport/TransportNetwork.h"
@@ -28,10 +29,7 @@ bool isKnownConnectionType(unsigned char connectionType) {
 // Routing reads the header, so a message without a whole one is refused before any byte of it.
 void refuseWithoutHeader(const unsigned char* message, int length) {
     if (message == nullptr || length < shortestMessage) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 034. \nMessage is null or shorter than "
-            "its 11-byte header",
-            "Unknown");
+        Failures::raise(Failures::Failure::ShortMessage);
     }
 }
 
@@ -65,10 +63,7 @@ int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
         channel = own != m_threadChannels.end() ? own->second : m_transportChannel;
     }
     if (!channel) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 029. \nNo transport channel selected: "
-            "send a command before reading its response",
-            "Unknown");
+        Failures::raise(Failures::Failure::NoChannelSelected);
     }
     return channel->ReadResponse(buffer, length);
 }
@@ -113,8 +108,7 @@ unsigned char NativeTransmitter::DeployRuntime(unsigned char* message, int lengt
 std::shared_ptr<ITransport> NativeTransmitter::GetTransportChannel(unsigned char* message) {
     const unsigned char connectionType = message[CommandHeader::connectionType];
     if (!isKnownConnectionType(connectionType)) {
-        throw OstrelinkNativeException("Ostrelink Native Exception: Exception code 023.",
-                                       "Unknown");
+        Failures::raise(Failures::Failure::UnknownConnectionType);
     }
     std::shared_ptr<ITransport> channel;
     std::shared_ptr<ITransport> replacedCurrent;

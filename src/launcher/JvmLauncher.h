@@ -11,6 +11,7 @@
 
 #include "contracts/RuntimeOperationMode.h"
 #include "launcher/NativeLauncher.h"
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 
 class JvmLauncher;
@@ -24,6 +25,8 @@ void createJavaVM(JvmLauncher* launcher);
 // itself, one per launcher, until it reads them or ends.
 class JvmLauncher : public Ostrelink::Native::Launcher::NativeLauncher {
 public:
+    using Failure = Ostrelink::Native::Failures::Failure;
+
     explicit JvmLauncher(Ostrelink::Native::Definitions::RuntimeOperationMode mode);
     ~JvmLauncher() override;
     JvmLauncher(const JvmLauncher&) = delete;
@@ -57,8 +60,8 @@ public:
     void AddToLibrariesToLoad(std::string libraryPath);
 
     // Returns false when no Java exception is pending; otherwise describes it, clears it and
-    // throws through HandleException. code is a literal: its text is built only on failure.
-    bool CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException);
+    // throws failure through HandleException.
+    bool CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException);
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 
@@ -86,7 +89,9 @@ private:
     void StartJvmOnce();
     int CallJava(unsigned char* message, int length);
     int CallJavaOn(JNIEnv* env, unsigned char* message, int length);
-    [[noreturn]] void RaiseLauncherException(const std::string& message);
+    // Builds the failure's text and throws it through HandleException.
+    [[noreturn]] void RaiseLauncherException(Failure failure,
+                                             const std::string& detail = std::string());
     // After a JNI call that returned null: prints and clears a Java exception that may be pending,
     // so that no further JNI call (the runtime info above all) runs with one. True if one was.
     static bool ClearPendingJavaException(JNIEnv* env);

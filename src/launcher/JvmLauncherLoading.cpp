@@ -42,8 +42,7 @@ void JvmLauncher::SetJvmRuntimePath() {
         m_jvmRuntimePath = javaHome;
         return;
     }
-    RaiseLauncherException(
-        "JVM Launcher: Exception code 001. \nSet JAVA_HOME environment variable");
+    RaiseLauncherException(Failure::NoJvmSource);
 }
 
 // The handle stays open for the life of the process: the JVM lives in that library.
@@ -63,10 +62,7 @@ void JvmLauncher::LoadJvmSharedLibraryAndExportedFunctions() {
         }
     }
     if (dlerror() != nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 002. \nCheck JRE installation. Set JAVA_HOME to JRE or "
-            "JDK root directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library "
-            "file (" OSTRELINK_JVM_LIBRARY_FILE ")");
+        RaiseLauncherException(Failure::NoJvmLibrary);
     }
 }
 
@@ -84,9 +80,6 @@ void JvmLauncher::GetFunctionsPointers() {
     m_createJavaVM = reinterpret_cast<decltype(m_createJavaVM)>(
         findInLibrary(m_jvmLibraryHandle, "JNI_CreateJavaVM"));
     if (m_getCreatedJavaVMs == nullptr || m_createJavaVM == nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 003. \nCheck JRE installation. Set JAVA_HOME to JRE or "
-            "JDK root directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library "
-            "file (jvm.dll or libjvm.so or libjvm.dylib)");
+        RaiseLauncherException(Failure::NoInvocationFunctions);
     }
 }

@@ -55,7 +55,7 @@ std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
         JNIEnv* env = threadEnv.m_jniEnv;
         ScopedLocalRef<jstring> result(env, static_cast<jstring>(env->CallStaticObjectMethod(
                                                 m_receiverClass, m_getRuntimeInfoMethod)));
-        CheckAndHandleJvmException(env, "061", true);
+        CheckAndHandleJvmException(env, Failure::JavaExceptionFromRuntimeInfo, true);
         if (result.get() == nullptr) {
             return {};
         }
@@ -63,12 +63,12 @@ std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
         if (characters.get() == nullptr) {
             ClearPendingJavaException(env);
             result.reset();
-            RaiseLauncherException("JVM Launcher: Exception code 062. Failed to get UTF chars");
+            RaiseLauncherException(Failure::UtfCharsFailed);
         }
-        CheckAndHandleJvmException(env, "063", true);
+        CheckAndHandleJvmException(env, Failure::JavaExceptionAfterUtfChars, true);
         std::string managed = characters.get();
         characters.release();
-        CheckAndHandleJvmException(env, "064", true);
+        CheckAndHandleJvmException(env, Failure::JavaExceptionAfterReleaseUtfChars, true);
         return managed;
     } catch (...) {
         return {};

@@ -9,6 +9,7 @@
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "contracts/RuntimeFactories.h"
+#include "support/Failures.h"
 #include "support/LibrariesFinder.h"
 #include "support/OstrelinkNativeException.h"
 #include "support/RuntimeNameHandler.h"
@@ -17,6 +18,8 @@ namespace Ostrelink::Native::Transport {
 
 using Definitions::CommandHeader;
 using Definitions::RuntimeOperationMode;
+using Failures::Failure;
+using Failures::raise;
 using Interfaces::CreateReceiverFn;
 using Interfaces::CreateTransmitterFn;
 using Interfaces::IReceiver;
@@ -37,15 +40,6 @@ constexpr int lastRuntime = 10;
 template <typename Object>
 std::shared_ptr<Object> borrowed(Object* object) {
     return std::shared_ptr<Object>(object, [](Object*) {});
-}
-
-[[noreturn]] void fail(const std::string& code, const std::string& text) {
-    throw OstrelinkNativeException(
-        "Ostrelink Native Exception: Exception code " + code + ". \n" + text, "Unknown");
-}
-
-[[noreturn]] void reinstall(const char* code) {
-    fail(code, "Reinstall Ostrelink package");
 }
 
 // The chain of DeployRuntime calls that this thread is inside, innermost first.
@@ -112,9 +106,7 @@ int TransportInMemory::SendCommand(unsigned char* message, int length) {
 
 int TransportInMemory::ReadResponse(unsigned char* buffer, int length) {
     if (buffer == nullptr || length < 1) {
-        fail("033",
-             "Response buffer is null or empty: its first byte names the runtime to read "
-             "from");
+        raise(Failure::EmptyResponseBuffer);
     }
     return receiverOf(buffer[CommandHeader::targetRuntime])->ReadResponse(buffer, length);
 }
@@ -130,7 +122,7 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
                                                unsigned char flag) {
     for (const DeployScope* scope = deploying; scope != nullptr; scope = scope->outer) {
         if (scope->channel == this) {
-            fail("028", "DeployRuntime loops back to the transmitter that sent it");
+            raise(Failure::DeployLoopsBack);
         }
     }
     const std::shared_ptr<ITransmitter> target = transmitterOf(lastPair().calledRuntime);
@@ -148,7 +140,8 @@ void TransportInMemory::ImportCalledLibrary() {
 }
 
 void TransportInMemory::CreateReceiverInCalledRuntime() {
-    createReceiver(lastPair().calledRuntime, RuntimeOperationMode::Called, "014", "015");
+    createReceiver(lastPair().calledRuntime, RuntimeOperationMode::Called,
+                   Failure::NoCreateReceiverInCalled, Failure::NullReceiverInCalled);
 }
 
 void TransportInMemory::CreateTransmitterInCalledRuntime() {
@@ -160,7 +153,8 @@ void TransportInMemory::ImportCallingLibrary() {
 }
 
 void TransportInMemory::CreateReceiverInCallingRuntime() {
-    createReceiver(lastPair().callingRuntime, RuntimeOperationMode::Calling, "017", "018");
+    createReceiver(lastPair().callingRuntime, RuntimeOperationMode::Calling,
+                   Failure::NoCreateReceiverInCalling, Failure::NullReceiverInCalling);
 }
 
 void TransportInMemory::CreateTransmitterInCallingRuntime() {
@@ -189,19 +183,19 @@ void TransportInMemory::importLibrary(int code) {
     handle = LibrariesFinder::loadLibrary(LibrariesFinder::getRuntimeLibraryPath(code), true, true);
 }
 
-void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, const char* missingCode,
-                                       const char* nullCode) {
+void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, Failure missing,
+                                       Failure null) {
     std::shared_ptr<IReceiver>& entry = m_receivers[code];
     if (std::atomic_load(&entry)) {
         return;
     }
     void* symbol = dlsym(m_libraries[code], "CreateReceiver");
     if (symbol == nullptr) {
-        reinstall(missingCode);
+        raise(missing);
     }
     IReceiver* created = reinterpret_cast<CreateReceiverFn>(symbol)(mode);
     if (created == nullptr) {
-        reinstall(nullCode);
+        raise(null);
     }
     // A receiver whose Initialize throws is not stored; the next attempt asks the factory again.
     const LastPair pair = lastPair();
@@ -216,11 +210,11 @@ void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
     }
     void* symbol = dlsym(m_libraries[code], "CreateTransmitter");
     if (symbol == nullptr) {
-        reinstall("016");
+        raise(Failure::NoCreateTransmitter);
     }
     ITransmitter* created = reinterpret_cast<CreateTransmitterFn>(symbol)(mode);
     if (created == nullptr) {
-        reinstall("027");
+        raise(Failure::NullTransmitter);
     }
     std::atomic_store(&entry, borrowed(created));
 }
@@ -252,9 +246,9 @@ std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {
         entry = std::atomic_load(&found->second);
     }
     if (!entry) {
-        fail("019", "No receiver of runtime " +
-                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
-                        " is set up on the in-memory channel");
+        raise(
+            Failure::NoChannelObject,
+            "receiver of runtime " + RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
     }
     return entry;
 }
@@ -266,9 +260,9 @@ std::shared_ptr<ITransmitter> TransportInMemory::transmitterOf(int code) const {
         entry = std::atomic_load(&found->second);
     }
     if (!entry) {
-        fail("019", "No transmitter of runtime " +
-                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
-                        " is set up on the in-memory channel");
+        raise(Failure::NoChannelObject,
+              "transmitter of runtime " +
+                  RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
     }
     return entry;
 }

@@ -12,6 +12,7 @@
 #include "contracts/ITransmitter.h"
 #include "contracts/ITransport.h"
 #include "contracts/RuntimeOperationMode.h"
+#include "support/Failures.h"
 
 namespace Ostrelink::Native::Transport {
 
@@ -64,8 +65,8 @@ public:
 
 private:
     void importLibrary(int code);
-    void createReceiver(int code, Definitions::RuntimeOperationMode mode, const char* missingCode,
-                        const char* nullCode);
+    void createReceiver(int code, Definitions::RuntimeOperationMode mode, Failures::Failure missing,
+                        Failures::Failure null);
     void createTransmitter(int code, Definitions::RuntimeOperationMode mode);
     void sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
                        unsigned char callingRuntime);
