@@ -1,9 +1,11 @@
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "launcher/JvmLauncher.h"
-#include "launcher/ScopedByteArrayElements.h"
-#include "launcher/ScopedLocalRef.h"
 #include "launcher/ThreadJniEnv.h"
+#include "launcher/jni/ByteArrayElements.h"
+#include "launcher/jni/LocalRef.h"
+
+namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Definitions::CommandType;
@@ -47,7 +49,7 @@ int JvmLauncher::CallJavaOn(JNIEnv* env, unsigned char* message, int length) {
     }
     // Local references go before the thread may be detached at the end of the command, and a
     // kept thread must not pile them up.
-    ScopedLocalRef<jbyteArray> request(env, env->NewByteArray(length));
+    Jni::LocalRef<jbyteArray> request(env, env->NewByteArray(length));
     if (request.get() == nullptr) {
         ClearPendingJavaException(env);
         RaiseLauncherException(Failure::NewByteArrayFailed);
@@ -59,14 +61,14 @@ int JvmLauncher::CallJavaOn(JNIEnv* env, unsigned char* message, int length) {
                                      static_cast<unsigned char>(CommandType::HeartBeatCommand)
                                  ? m_heartBeatMethod
                                  : m_sendCommandMethod;
-    ScopedLocalRef<jbyteArray> reply(env, static_cast<jbyteArray>(env->CallStaticObjectMethod(
-                                              m_receiverClass, method, request.get())));
+    Jni::LocalRef<jbyteArray> reply(env, static_cast<jbyteArray>(env->CallStaticObjectMethod(
+                                             m_receiverClass, method, request.get())));
     CheckAndHandleJvmException(env, Failure::JavaExceptionFromCall, true);
     if (reply.get() == nullptr) {
         request.reset();
         RaiseLauncherException(Failure::NullReply);
     }
-    const ScopedByteArrayElements elements(env, reply.get());
+    const Jni::ByteArrayElements elements(env, reply.get());
     if (elements.get() == nullptr) {
         ClearPendingJavaException(env);
         request.reset();

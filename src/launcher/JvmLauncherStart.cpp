@@ -10,10 +10,13 @@
 
 #include "launcher/JvmLauncher.h"
 #include "launcher/JvmStartChecks.h"
-#include "launcher/ScopedLocalRef.h"
 #include "launcher/ThreadJniEnv.h"
+#include "launcher/jni/GlobalRef.h"
+#include "launcher/jni/LocalRef.h"
 #include "support/LibrariesFinder.h"
 #include "support/Platform.h"
+
+namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
@@ -192,14 +195,16 @@ int JvmLauncher::GetReceiverClass() {
         RaiseLauncherException(Failure::NoEnvironmentForReceiverClass);
     }
     if (m_receiverClass == nullptr) {
-        const ScopedLocalRef<jclass> found(env, env->FindClass(m_receiverClassName.c_str()));
+        const Jni::LocalRef<jclass> found(env, env->FindClass(m_receiverClassName.c_str()));
         if (ClearPendingJavaException(env) || found.get() == nullptr) {
             RaiseLauncherException(Failure::NoReceiverClass);
         }
-        m_receiverClass = static_cast<jclass>(env->NewGlobalRef(found.get()));
-        if (ClearPendingJavaException(env) || m_receiverClass == nullptr) {
+        Jni::GlobalRef<jclass> global(env, found.get());
+        if (ClearPendingJavaException(env) || global.get() == nullptr) {
             RaiseLauncherException(Failure::NoReceiverClass);
         }
+        // Kept for the life of the process: every thread and every later adoption uses it.
+        m_receiverClass = global.release();
     }
     const struct {
         const char* name;
