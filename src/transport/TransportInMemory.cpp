@@ -34,12 +34,10 @@ namespace {
 std::mutex initializationMutex;
 
 constexpr int firstRuntime = 0;
-constexpr int lastRuntime = 10;
+constexpr int lastRuntime = Definitions::highestRuntimeCode;
 
-// The objects belong to the library that made them.
-template <typename Object>
-std::shared_ptr<Object> borrowed(Object* object) {
-    return std::shared_ptr<Object>(object, [](Object*) {});
+bool isRuntime(int code) {
+    return code >= firstRuntime && code <= lastRuntime;
 }
 
 // The chain of DeployRuntime calls that this thread is inside, innermost first.
@@ -54,16 +52,12 @@ thread_local const DeployScope* deploying = nullptr;
 TransportInMemory::TransportInMemory() {
     for (int code = firstRuntime; code <= lastRuntime; ++code) {
         m_libraries[code] = nullptr;
-        m_receivers[code] = nullptr;
-        m_transmitters[code] = nullptr;
     }
 }
 
 TransportInMemory::~TransportInMemory() {
     for (int code = firstRuntime; code <= lastRuntime; ++code) {
-        const bool gaveObjects = m_receivers[code] || m_transmitters[code];
-        m_receivers[code].reset();
-        m_transmitters[code].reset();
+        const bool gaveObjects = m_receivers[code] != nullptr || m_transmitters[code] != nullptr;
         if (m_libraries[code] != nullptr && !gaveObjects) {
             dlclose(m_libraries[code]);
         }
@@ -125,7 +119,7 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
             raise(Failure::DeployLoopsBack);
         }
     }
-    const std::shared_ptr<ITransmitter> target = transmitterOf(lastPair().calledRuntime);
+    ITransmitter* const target = transmitterOf(lastPair().calledRuntime);
     const DeployScope scope{this, deploying};
     deploying = &scope;
     struct Leave {
@@ -185,8 +179,13 @@ void TransportInMemory::importLibrary(int code) {
 
 void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, Failure missing,
                                        Failure null) {
-    std::shared_ptr<IReceiver>& entry = m_receivers[code];
-    if (std::atomic_load(&entry)) {
+    if (!isRuntime(code)) {
+        raise(
+            Failure::NoChannelObject,
+            "receiver of runtime " + RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
+    }
+    std::atomic<IReceiver*>& entry = m_receivers[code];
+    if (entry.load(std::memory_order_relaxed) != nullptr) {  // written only under this lock
         return;
     }
     void* symbol = dlsym(m_libraries[code], "CreateReceiver");
@@ -200,12 +199,17 @@ void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, Fail
     // A receiver whose Initialize throws is not stored; the next attempt asks the factory again.
     const LastPair pair = lastPair();
     created->Initialize(pair.callingRuntime, pair.calledRuntime, pair.runtimeVersion);
-    std::atomic_store(&entry, borrowed(created));
+    entry.store(created, std::memory_order_release);
 }
 
 void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
-    std::shared_ptr<ITransmitter>& entry = m_transmitters[code];
-    if (std::atomic_load(&entry)) {
+    if (!isRuntime(code)) {
+        raise(Failure::NoChannelObject,
+              "transmitter of runtime " +
+                  RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
+    }
+    std::atomic<ITransmitter*>& entry = m_transmitters[code];
+    if (entry.load(std::memory_order_relaxed) != nullptr) {  // written only under this lock
         return;
     }
     void* symbol = dlsym(m_libraries[code], "CreateTransmitter");
@@ -216,7 +220,7 @@ void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
     if (created == nullptr) {
         raise(Failure::NullTransmitter);
     }
-    std::atomic_store(&entry, borrowed(created));
+    entry.store(created, std::memory_order_release);
 }
 
 void TransportInMemory::sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
@@ -239,13 +243,10 @@ TransportInMemory::LastPair TransportInMemory::lastPair() const {
             static_cast<unsigned char>(packed >> 16)};
 }
 
-std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {
-    const auto found = m_receivers.find(code);
-    std::shared_ptr<IReceiver> entry;
-    if (found != m_receivers.end()) {
-        entry = std::atomic_load(&found->second);
-    }
-    if (!entry) {
+IReceiver* TransportInMemory::receiverOf(int code) const {
+    IReceiver* entry =
+        isRuntime(code) ? m_receivers[code].load(std::memory_order_acquire) : nullptr;
+    if (entry == nullptr) {
         raise(
             Failure::NoChannelObject,
             "receiver of runtime " + RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
@@ -253,13 +254,10 @@ std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {
     return entry;
 }
 
-std::shared_ptr<ITransmitter> TransportInMemory::transmitterOf(int code) const {
-    const auto found = m_transmitters.find(code);
-    std::shared_ptr<ITransmitter> entry;
-    if (found != m_transmitters.end()) {
-        entry = std::atomic_load(&found->second);
-    }
-    if (!entry) {
+ITransmitter* TransportInMemory::transmitterOf(int code) const {
+    ITransmitter* entry =
+        isRuntime(code) ? m_transmitters[code].load(std::memory_order_acquire) : nullptr;
+    if (entry == nullptr) {
         raise(Failure::NoChannelObject,
               "transmitter of runtime " +
                   RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
