@@ -25,8 +25,6 @@ void createJavaVM(JvmLauncher* launcher);
 // itself, one per launcher, until it reads them or ends.
 class JvmLauncher : public Ostrelink::Native::Launcher::NativeLauncher {
 public:
-    using Failure = Ostrelink::Native::Failures::Failure;
-
     explicit JvmLauncher(Ostrelink::Native::Definitions::RuntimeOperationMode mode);
     ~JvmLauncher() override;
     JvmLauncher(const JvmLauncher&) = delete;
@@ -42,6 +40,11 @@ public:
     std::string GetRuntimeName() override;
     std::string GetRuntimeInfo() override;
 
+private:
+    using Failure = Ostrelink::Native::Failures::Failure;
+    friend void createJavaVM(JvmLauncher* launcher);
+
+    // The steps, called only by this class's own files.
     // Locating and loading the JVM library; each step leaves its result in the fields.
     void SetJvmRuntimePath();
     void LoadJvmSharedLibraryAndExportedFunctions();
@@ -71,9 +74,6 @@ public:
     std::string GetVersionString();
     std::string GetRuntimeInfoFromManagedRuntime();
     std::string GetRuntimeInfoFromNativeLevel();
-
-private:
-    friend void createJavaVM(JvmLauncher* launcher);
 
     // The calling thread's reply in this launcher; see JvmLauncher.cpp.
     struct ThreadReply {
