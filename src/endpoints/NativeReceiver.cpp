@@ -9,7 +9,6 @@
 #include "support/AppInsightLogger.h"
 #include "support/ConfigHandler.h"
 #include "support/Failures.h"
-#include "support/OstrelinkNativeException.h"
 #include "support/RuntimeNameHandler.h"
 
 namespace Ostrelink::Native::Receiver {

@@ -49,8 +49,10 @@ public:
     // Selects the channel for message, makes it current (for the transmitter and for the calling
     // thread) and returns it. Throws code 023 for an unknown connectionType, choosing nothing.
     std::shared_ptr<Interfaces::ITransport> GetTransportChannel(unsigned char* message);
+    // The transmitter's documented surface; nothing in this library calls these three.
     // GetTransportChannel, then the channel's Initialize with header bytes 9, 0, 1.
     int InitializeTransportChannel(unsigned char* message);
+    // The channel, made if missing, without making it current.
     std::shared_ptr<Interfaces::ITransport> CreateInMemoryTransportChannel();
     std::shared_ptr<Interfaces::ITransport> CreateNetworkChannel(unsigned char* message);
 

@@ -71,6 +71,7 @@ private:
     // 0 before the JVM is up. m_JvmEnv belongs to the thread that brought the JVM up: call these
     // on that thread only.
     int GetVersion();
+    // Unused here: kept as the launcher's documented surface beside GetVersion.
     std::string GetVersionString();
     std::string GetRuntimeInfoFromManagedRuntime();
     std::string GetRuntimeInfoFromNativeLevel();
@@ -115,6 +116,7 @@ private:
     jmethodID m_heartBeatMethod = nullptr;
     jmethodID m_getRuntimeInfoMethod = nullptr;
     const std::string m_runtimeName = "Jvm";
+    // Recorded at each start as documented launcher state; nothing reads it.
     jint m_jniVersion = 0;
     // Held by Initialize and by the start of the JVM.
     std::mutex m_jvmInitMutex;

@@ -6,7 +6,6 @@
 
 #include "support/Failures.h"
 #include "support/LibrariesFinder.h"
-#include "support/OstrelinkNativeException.h"
 
 namespace Ostrelink::Native::Transport {
 
