@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "launcher/JvmLauncher.h"
-#include "support/OstrelinkNativeException.h"
+#include "support/Failures.h"
 
 namespace Ostrelink::Runtimes::Jvm::Native::Receiver {
 
@@ -12,14 +12,15 @@ using Ostrelink::Native::Definitions::RuntimeOperationMode;
 namespace {
 RuntimeOperationMode refuseNotSet(RuntimeOperationMode mode) {
     if (mode == RuntimeOperationMode::NotSet) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 032. \nRuntime not initialized", "Unknown");
+        Ostrelink::Native::Failures::raise(
+            Ostrelink::Native::Failures::Failure::ReceiverModeNotSet);
     }
     return mode;
 }
 }  // namespace
 
-JvmNativeReceiver::JvmNativeReceiver(RuntimeOperationMode mode) : NativeReceiver(refuseNotSet(mode)) {
+JvmNativeReceiver::JvmNativeReceiver(RuntimeOperationMode mode)
+    : NativeReceiver(refuseNotSet(mode)) {
     m_launcher = std::make_unique<JvmLauncher>(mode);
 }
 

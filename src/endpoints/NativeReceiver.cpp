@@ -8,7 +8,7 @@
 #include "contracts/CommandType.h"
 #include "support/AppInsightLogger.h"
 #include "support/ConfigHandler.h"
-#include "support/OstrelinkNativeException.h"
+#include "support/Failures.h"
 #include "support/RuntimeNameHandler.h"
 
 namespace Ostrelink::Native::Receiver {
@@ -30,8 +30,7 @@ int NativeReceiver::SetConfigSource(std::string source) {
 int NativeReceiver::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
                                unsigned char runtimeVersion) {
     if (m_operationMode == RuntimeOperationMode::NotSet) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 031. \nRuntime not initialized", "Unknown");
+        Failures::raise(Failures::Failure::ReceiverWithoutMode);
     }
     if (m_launcher->IsInitialized()) {
         return 0;

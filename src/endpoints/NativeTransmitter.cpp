@@ -5,6 +5,7 @@
 
 #include "contracts/CommandHeader.h"
 #include "contracts/ConnectionType.h"
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 #include "transport/TransportInMemory.h"
 #include "transport/TransportNetwork.h"
@@ -28,10 +29,7 @@ bool isKnownConnectionType(unsigned char connectionType) {
 // Routing reads the header, so a message without a whole one is refused before any byte of it.
 void refuseWithoutHeader(const unsigned char* message, int length) {
     if (message == nullptr || length < shortestMessage) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 034. \nMessage is null or shorter than "
-            "its 11-byte header",
-            "Unknown");
+        Failures::raise(Failures::Failure::ShortMessage);
     }
 }
 
@@ -50,11 +48,7 @@ int NativeTransmitter::SendCommand(unsigned char* message, int length) {
     refuseWithoutHeader(message, length);
     // The channel is held by this call: another thread may make a different one current
     // meanwhile, and this message still goes where its own header pointed.
-    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
-    channel->Initialize(message[CommandHeader::callingRuntime],
-                        message[CommandHeader::targetRuntime],
-                        message[CommandHeader::runtimeVersion]);
-    return channel->SendCommand(message, length);
+    return selectAndInitialize(message).channel->SendCommand(message, length);
 }
 
 int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
@@ -65,21 +59,14 @@ int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
         channel = own != m_threadChannels.end() ? own->second : m_transportChannel;
     }
     if (!channel) {
-        throw OstrelinkNativeException(
-            "Ostrelink Native Exception: Exception code 029. \nNo transport channel selected: "
-            "send a command before reading its response",
-            "Unknown");
+        Failures::raise(Failures::Failure::NoChannelSelected);
     }
     return channel->ReadResponse(buffer, length);
 }
 
 void NativeTransmitter::SetTransportChannel(ITransport* channel) {
     // Should the control block fail to allocate, shared_ptr deletes channel before rethrowing.
-    std::shared_ptr<ITransport> owned(channel);
-    std::shared_ptr<ITransport> replacedCurrent;
-    std::shared_ptr<ITransport> replacedOfThread;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    makeCurrentLocked(std::move(owned), replacedCurrent, replacedOfThread);
+    makeCurrent(std::shared_ptr<ITransport>(channel), nullptr);
 }
 
 unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime,
@@ -87,14 +74,7 @@ unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime
                                                     unsigned char runtimeVersion,
                                                     std::string path) {
     // Always the in-memory channel: there is no header to choose by.
-    std::shared_ptr<ITransport> channel;
-    {
-        std::shared_ptr<ITransport> replacedCurrent;
-        std::shared_ptr<ITransport> replacedOfThread;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        channel = inMemoryChannelLocked();
-        makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
-    }
+    const std::shared_ptr<ITransport> channel = makeCurrent(nullptr, nullptr);
     channel->Initialize(callingRuntime, calledRuntime, runtimeVersion);
     return channel->SetEmbeddedRuntime(callingRuntime, calledRuntime, runtimeVersion,
                                        std::move(path));
@@ -103,34 +83,52 @@ unsigned char NativeTransmitter::SetEmbeddedRuntime(unsigned char callingRuntime
 unsigned char NativeTransmitter::DeployRuntime(unsigned char* message, int length, std::string text,
                                                unsigned char flag) {
     refuseWithoutHeader(message, length);
-    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
-    channel->Initialize(message[CommandHeader::callingRuntime],
-                        message[CommandHeader::targetRuntime],
-                        message[CommandHeader::runtimeVersion]);
-    return channel->DeployRuntime(message, length, std::move(text), flag);
+    return selectAndInitialize(message).channel->DeployRuntime(message, length, std::move(text),
+                                                               flag);
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::GetTransportChannel(unsigned char* message) {
     const unsigned char connectionType = message[CommandHeader::connectionType];
     if (!isKnownConnectionType(connectionType)) {
-        throw OstrelinkNativeException("Ostrelink Native Exception: Exception code 023.",
-                                       "Unknown");
+        Failures::raise(Failures::Failure::UnknownConnectionType);
     }
-    std::shared_ptr<ITransport> channel;
-    std::shared_ptr<ITransport> replacedCurrent;
-    std::shared_ptr<ITransport> replacedOfThread;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    channel = connectionType == static_cast<unsigned char>(ConnectionType::InMemory)
-                  ? inMemoryChannelLocked()
-                  : networkChannelLocked(message);
-    makeCurrentLocked(channel, replacedCurrent, replacedOfThread);
-    return channel;
+    return makeCurrent(nullptr, message);
 }
 
 int NativeTransmitter::InitializeTransportChannel(unsigned char* message) {
-    return GetTransportChannel(message)->Initialize(message[CommandHeader::callingRuntime],
-                                                    message[CommandHeader::targetRuntime],
-                                                    message[CommandHeader::runtimeVersion]);
+    return selectAndInitialize(message).initialized;
+}
+
+NativeTransmitter::Selected NativeTransmitter::selectAndInitialize(unsigned char* message) {
+    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
+    const int initialized = channel->Initialize(message[CommandHeader::callingRuntime],
+                                                message[CommandHeader::targetRuntime],
+                                                message[CommandHeader::runtimeVersion]);
+    return {std::move(channel), initialized};
+}
+
+std::shared_ptr<ITransport> NativeTransmitter::makeCurrent(std::shared_ptr<ITransport> installed,
+                                                           const unsigned char* message) {
+    // Declared before the lock, so released after it: the destructor of a channel installed by
+    // SetTransportChannel is foreign code.
+    std::shared_ptr<ITransport> replacedCurrent;
+    std::shared_ptr<ITransport> replacedOfThread;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::shared_ptr<ITransport> channel =
+        installed ? std::move(installed)
+        : message == nullptr || message[CommandHeader::connectionType] ==
+                                    static_cast<unsigned char>(ConnectionType::InMemory)
+            ? inMemoryChannelLocked()
+            : networkChannelLocked(message);
+    // A thread that sends again on its channel changes nothing: no exchange, no count traffic.
+    if (m_transportChannel != channel) {
+        replacedCurrent = std::exchange(m_transportChannel, channel);
+    }
+    std::shared_ptr<ITransport>& ofThread = m_threadChannels[std::this_thread::get_id()];
+    if (ofThread != channel) {
+        replacedOfThread = std::exchange(ofThread, channel);
+    }
+    return channel;
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::CreateInMemoryTransportChannel() {
@@ -150,7 +148,7 @@ std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
     return m_inMemoryChannel;
 }
 
-std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(unsigned char* message) {
+std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(const unsigned char* message) {
     std::ostringstream host;
     for (int octet = 0; octet < 4; ++octet) {
         if (octet != 0) {
@@ -175,14 +173,6 @@ std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(unsigned cha
                 .first;
     }
     return found->second;
-}
-
-void NativeTransmitter::makeCurrentLocked(std::shared_ptr<ITransport> channel,
-                                          std::shared_ptr<ITransport>& replacedCurrent,
-                                          std::shared_ptr<ITransport>& replacedOfThread) {
-    replacedCurrent = std::exchange(m_transportChannel, channel);
-    replacedOfThread =
-        std::exchange(m_threadChannels[std::this_thread::get_id()], std::move(channel));
 }
 
 }  // namespace Ostrelink::Native::Transmitter

@@ -49,20 +49,29 @@ public:
     // Selects the channel for message, makes it current (for the transmitter and for the calling
     // thread) and returns it. Throws code 023 for an unknown connectionType, choosing nothing.
     std::shared_ptr<Interfaces::ITransport> GetTransportChannel(unsigned char* message);
+    // The transmitter's documented surface; nothing in this library calls these three.
     // GetTransportChannel, then the channel's Initialize with header bytes 9, 0, 1.
     int InitializeTransportChannel(unsigned char* message);
+    // The channel, made if missing, without making it current.
     std::shared_ptr<Interfaces::ITransport> CreateInMemoryTransportChannel();
     std::shared_ptr<Interfaces::ITransport> CreateNetworkChannel(unsigned char* message);
 
 private:
     // Both with m_mutex held.
     std::shared_ptr<Interfaces::ITransport> inMemoryChannelLocked();
-    std::shared_ptr<Interfaces::ITransport> networkChannelLocked(unsigned char* message);
-    // Makes channel current and hands back what it replaced, to be released after unlocking:
-    // the destructor of a channel installed by SetTransportChannel is foreign code.
-    void makeCurrentLocked(std::shared_ptr<Interfaces::ITransport> channel,
-                           std::shared_ptr<Interfaces::ITransport>& replacedCurrent,
-                           std::shared_ptr<Interfaces::ITransport>& replacedOfThread);
+    std::shared_ptr<Interfaces::ITransport> networkChannelLocked(const unsigned char* message);
+    // The one way a channel becomes current, for the transmitter and the calling thread: the
+    // installed one if given, else the channel of message's header, else (no message) the
+    // in-memory one. What it replaces is released after unlocking.
+    std::shared_ptr<Interfaces::ITransport> makeCurrent(
+        std::shared_ptr<Interfaces::ITransport> installed, const unsigned char* message);
+    // The one path of a message: GetTransportChannel, then the channel's Initialize with header
+    // bytes 9, 0, 1 (calling, target as the called runtime, version).
+    struct Selected {
+        std::shared_ptr<Interfaces::ITransport> channel;
+        int initialized;
+    };
+    Selected selectAndInitialize(unsigned char* message);
 
     std::mutex m_mutex;
     // Declared so that destruction releases m_threadChannels and m_transportChannel first, then

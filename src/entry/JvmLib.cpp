@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "endpoints/JvmNativeReceiver.h"
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 
 namespace Ostrelink::Runtimes::Jvm::Native::Entry {
@@ -33,9 +34,8 @@ RuntimeOperationMode settleOperationMode(RuntimeOperationMode mode) {
 }
 
 void throwForeignThrowable() {
-    constexpr const char* text =
-        "Ostrelink Native Exception: Exception code 035. \nA library on the way of this call "
-        "threw an exception that is not a std::exception";
+    const std::string text =
+        Ostrelink::Native::Failures::text(Ostrelink::Native::Failures::Failure::ForeignThrowable);
     try {
         throw OstrelinkNativeException(text, "Unknown");
     } catch (const std::exception&) {

@@ -14,12 +14,16 @@
 
 #include "contracts/CommandHeader.h"
 #include "entry/JvmLib.h"
+#include "launcher/jni/ByteArrayElements.h"
+#include "launcher/jni/UtfChars.h"
 #include "support/ConfigHandler.h"
 #include "support/OstrelinkNativeException.h"
 
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
 using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Interfaces::ITransmitter;
+using Ostrelink::Native::Jni::ByteArrayElements;
+using Ostrelink::Native::Jni::UtfChars;
 
 namespace Ostrelink::Runtimes::Jvm::Native::Entry {
 
@@ -58,50 +62,6 @@ constexpr jint deployRuntimeFailed = 251;       // -5 as an unsigned byte
 constexpr jint setConfigSourceFailed = -6;
 constexpr jint setWorkingDirectoryFailed = -7;
 
-// The elements of a Java byte array, given back with JNI_ABORT: nothing is copied back.
-class ByteArrayElements {
-public:
-    ByteArrayElements(JNIEnv* env, jbyteArray array, jboolean* copyFlag)
-        : m_env(env), m_array(array), m_elements(env->GetByteArrayElements(array, copyFlag)) {}
-    ~ByteArrayElements() {
-        if (m_elements != nullptr) {
-            m_env->ReleaseByteArrayElements(m_array, m_elements, JNI_ABORT);
-        }
-    }
-    ByteArrayElements(const ByteArrayElements&) = delete;
-    ByteArrayElements& operator=(const ByteArrayElements&) = delete;
-
-    // Null when the JVM could not hand them out; an OutOfMemoryError is then pending.
-    unsigned char* get() const { return reinterpret_cast<unsigned char*>(m_elements); }
-
-private:
-    JNIEnv* m_env;
-    jbyteArray m_array;
-    jbyte* m_elements;
-};
-
-// The modified UTF-8 characters of a Java string, released on every exit.
-class StringChars {
-public:
-    StringChars(JNIEnv* env, jstring string, jboolean* copyFlag)
-        : m_env(env), m_string(string), m_chars(env->GetStringUTFChars(string, copyFlag)) {}
-    ~StringChars() {
-        if (m_chars != nullptr) {
-            m_env->ReleaseStringUTFChars(m_string, m_chars);
-        }
-    }
-    StringChars(const StringChars&) = delete;
-    StringChars& operator=(const StringChars&) = delete;
-
-    // Null when the JVM could not hand them out; an OutOfMemoryError is then pending.
-    const char* get() const { return m_chars; }
-
-private:
-    JNIEnv* m_env;
-    jstring m_string;
-    const char* m_chars;
-};
-
 [[noreturn]] void refuse(const std::string& text) {
     throw OstrelinkNativeException(text, "Unknown");
 }
@@ -111,7 +71,7 @@ std::string copyOf(JNIEnv* env, jstring string, jboolean* copyFlag, const char* 
     if (string == nullptr) {
         refuse(std::string(native) + ": the " + argument + " string is null");
     }
-    const StringChars chars(env, string, copyFlag);
+    const UtfChars chars(env, string, copyFlag);
     if (chars.get() == nullptr) {
         refuse(std::string(native) + ": failed to get UTF chars of " + argument);
     }
@@ -187,7 +147,7 @@ JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_se
             refuse("sendCommand: failed to get byte array elements");
         }
         ITransmitter* current = transmitterOrRefuse("sendCommand");
-        return current->SendCommand(elements.get(), length);
+        return current->SendCommand(elements.bytes(), length);
     });
 }
 
@@ -243,7 +203,7 @@ JNIEXPORT jint JNICALL Java_com_ostrelink_core_transmitter_TransmitterWrapper_de
         }
         std::string copy = copyOf(env, text, &isCopy, "deployRuntime", "text");
         ITransmitter* current = transmitterOrRefuse("deployRuntime");
-        return current->DeployRuntime(elements.get(), length, std::move(copy), lowByte(flag));
+        return current->DeployRuntime(elements.bytes(), length, std::move(copy), lowByte(flag));
     });
 }
 

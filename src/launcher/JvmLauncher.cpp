@@ -68,9 +68,7 @@ void JvmLauncher::Initialize(unsigned char /*runtimeVersion*/) {
 
 int JvmLauncher::SendCommand(unsigned char* message, int length) {
     if (message == nullptr || length < CommandHeader::size) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 042. Message is null or shorter than its 11-byte "
-            "header");
+        RaiseLauncherException(Failure::ShortCommand);
     }
     const auto commandType = static_cast<CommandType>(message[CommandHeader::commandType]);
     if (commandType == CommandType::PlainCommand &&
@@ -112,13 +110,11 @@ int JvmLauncher::StoreAcknowledgeReply() {
 
 int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
     if (length < 0 || (buffer == nullptr && length > 0)) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 043. Response buffer is null or its length is "
-            "negative");
+        RaiseLauncherException(Failure::BadResponseBuffer);
     }
     ThreadReply& reply = ReplyOfThisThread();
     if (!reply.stored) {
-        RaiseLauncherException("JVM Launcher: Exception code 041.\nError while reading response");
+        RaiseLauncherException(Failure::NoReply);
     }
     reply.stored = false;
     const auto count = std::min(reply.bytes.size(), static_cast<std::size_t>(length));

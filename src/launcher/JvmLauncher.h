@@ -11,6 +11,7 @@
 
 #include "contracts/RuntimeOperationMode.h"
 #include "launcher/NativeLauncher.h"
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 
 class JvmLauncher;
@@ -39,6 +40,11 @@ public:
     std::string GetRuntimeName() override;
     std::string GetRuntimeInfo() override;
 
+private:
+    using Failure = Ostrelink::Native::Failures::Failure;
+    friend void createJavaVM(JvmLauncher* launcher);
+
+    // The steps, called only by this class's own files.
     // Locating and loading the JVM library; each step leaves its result in the fields.
     void SetJvmRuntimePath();
     void LoadJvmSharedLibraryAndExportedFunctions();
@@ -57,20 +63,18 @@ public:
     void AddToLibrariesToLoad(std::string libraryPath);
 
     // Returns false when no Java exception is pending; otherwise describes it, clears it and
-    // throws through HandleException. code is a literal: its text is built only on failure.
-    bool CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException);
+    // throws failure through HandleException.
+    bool CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException);
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 
     // 0 before the JVM is up. m_JvmEnv belongs to the thread that brought the JVM up: call these
     // on that thread only.
     int GetVersion();
+    // Unused here: kept as the launcher's documented surface beside GetVersion.
     std::string GetVersionString();
     std::string GetRuntimeInfoFromManagedRuntime();
     std::string GetRuntimeInfoFromNativeLevel();
-
-private:
-    friend void createJavaVM(JvmLauncher* launcher);
 
     // The calling thread's reply in this launcher; see JvmLauncher.cpp.
     struct ThreadReply {
@@ -86,7 +90,9 @@ private:
     void StartJvmOnce();
     int CallJava(unsigned char* message, int length);
     int CallJavaOn(JNIEnv* env, unsigned char* message, int length);
-    [[noreturn]] void RaiseLauncherException(const std::string& message);
+    // Builds the failure's text and throws it through HandleException.
+    [[noreturn]] void RaiseLauncherException(Failure failure,
+                                             const std::string& detail = std::string());
     // After a JNI call that returned null: prints and clears a Java exception that may be pending,
     // so that no further JNI call (the runtime info above all) runs with one. True if one was.
     static bool ClearPendingJavaException(JNIEnv* env);
@@ -110,6 +116,7 @@ private:
     jmethodID m_heartBeatMethod = nullptr;
     jmethodID m_getRuntimeInfoMethod = nullptr;
     const std::string m_runtimeName = "Jvm";
+    // Recorded at each start as documented launcher state; nothing reads it.
     jint m_jniVersion = 0;
     // Held by Initialize and by the start of the JVM.
     std::mutex m_jvmInitMutex;

@@ -2,7 +2,7 @@
 
 #include "launcher/JvmLauncher.h"
 
-bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, const char* code, bool clearException) {
+bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException) {
     if (env->ExceptionCheck() == JNI_FALSE) {
         return false;
     }
@@ -11,9 +11,7 @@ bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, const char* code, bool
     if (clearException) {
         env->ExceptionClear();
     }
-    HandleException(OstrelinkNativeException(
-        std::string("JVM Launcher: Exception code ") + code + ". JVM exception occurred",
-        "Unknown"));
+    RaiseLauncherException(failure);
 }
 
 void JvmLauncher::HandleException(OstrelinkNativeException exception) {
@@ -22,8 +20,9 @@ void JvmLauncher::HandleException(OstrelinkNativeException exception) {
     throw OstrelinkNativeException(message + "\nRUNTIME INFO:\n" + runtimeInfo, "Unknown");
 }
 
-void JvmLauncher::RaiseLauncherException(const std::string& message) {
-    HandleException(OstrelinkNativeException(message, "Unknown"));
+void JvmLauncher::RaiseLauncherException(Failure failure, const std::string& detail) {
+    HandleException(
+        OstrelinkNativeException(Ostrelink::Native::Failures::text(failure, detail), "Unknown"));
 }
 
 bool JvmLauncher::ClearPendingJavaException(JNIEnv* env) {

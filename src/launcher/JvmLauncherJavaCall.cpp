@@ -1,9 +1,11 @@
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "launcher/JvmLauncher.h"
-#include "launcher/ScopedByteArrayElements.h"
-#include "launcher/ScopedLocalRef.h"
 #include "launcher/ThreadJniEnv.h"
+#include "launcher/jni/ByteArrayElements.h"
+#include "launcher/jni/LocalRef.h"
+
+namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Definitions::CommandType;
@@ -11,7 +13,7 @@ using Ostrelink::Native::Definitions::CommandType;
 int JvmLauncher::SendToJava(unsigned char* message, int length) {
     StartJvmOnce();
     if (m_jvm == nullptr) {
-        RaiseLauncherException("JVM Launcher: Exception code 050. JVM not initialized");
+        RaiseLauncherException(Failure::NoJvm);
     }
     return CallJava(message, length);
 }
@@ -43,40 +45,39 @@ int JvmLauncher::CallJava(unsigned char* message, int length) {
 // number of threads may be in Java at once.
 int JvmLauncher::CallJavaOn(JNIEnv* env, unsigned char* message, int length) {
     if (env == nullptr) {
-        RaiseLauncherException("JVM Launcher: Exception code 051. Failed to attach thread to JVM");
+        RaiseLauncherException(Failure::AttachFailed);
     }
     // Local references go before the thread may be detached at the end of the command, and a
     // kept thread must not pile them up.
-    ScopedLocalRef<jbyteArray> request(env, env->NewByteArray(length));
+    Jni::LocalRef<jbyteArray> request(env, env->NewByteArray(length));
     if (request.get() == nullptr) {
         ClearPendingJavaException(env);
-        RaiseLauncherException("JVM Launcher: Exception code 052. Failed to create byte array");
+        RaiseLauncherException(Failure::NewByteArrayFailed);
     }
-    CheckAndHandleJvmException(env, "053", true);
+    CheckAndHandleJvmException(env, Failure::JavaExceptionAfterNewByteArray, true);
     env->SetByteArrayRegion(request.get(), 0, length, reinterpret_cast<const jbyte*>(message));
-    CheckAndHandleJvmException(env, "054", true);
+    CheckAndHandleJvmException(env, Failure::JavaExceptionAfterSetRegion, true);
     const jmethodID method = message[CommandHeader::commandType] ==
                                      static_cast<unsigned char>(CommandType::HeartBeatCommand)
                                  ? m_heartBeatMethod
                                  : m_sendCommandMethod;
-    ScopedLocalRef<jbyteArray> reply(env, static_cast<jbyteArray>(env->CallStaticObjectMethod(
-                                              m_receiverClass, method, request.get())));
-    CheckAndHandleJvmException(env, "055", true);
+    Jni::LocalRef<jbyteArray> reply(env, static_cast<jbyteArray>(env->CallStaticObjectMethod(
+                                             m_receiverClass, method, request.get())));
+    CheckAndHandleJvmException(env, Failure::JavaExceptionFromCall, true);
     if (reply.get() == nullptr) {
         request.reset();
-        RaiseLauncherException("JVM Launcher: Exception code 056. Null response from JVM");
+        RaiseLauncherException(Failure::NullReply);
     }
-    const ScopedByteArrayElements elements(env, reply.get());
+    const Jni::ByteArrayElements elements(env, reply.get());
     if (elements.get() == nullptr) {
         ClearPendingJavaException(env);
         request.reset();
         reply.reset();
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 057. Failed to get byte array elements");
+        RaiseLauncherException(Failure::ArrayElementsFailed);
     }
-    CheckAndHandleJvmException(env, "058", true);
+    CheckAndHandleJvmException(env, Failure::JavaExceptionAfterArrayElements, true);
     const jsize replyLength = env->GetArrayLength(reply.get());
-    CheckAndHandleJvmException(env, "059", true);
+    CheckAndHandleJvmException(env, Failure::JavaExceptionAfterArrayLength, true);
     // The last step that can fail is behind: an earlier unread reply stays until here.
     return StoreReply(reinterpret_cast<const unsigned char*>(elements.get()),
                       static_cast<std::size_t>(replyLength));

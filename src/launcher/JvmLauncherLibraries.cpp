@@ -38,8 +38,7 @@ int JvmLauncher::HandleLoadLibraryCommand(unsigned char* message, int length) {
         path = fs::current_path() / text;
     }
     if (!pathExists(path)) {
-        RaiseLauncherException("JVM Launcher: Exception code 004. \nCannot find file: " + text +
-                               "\n");
+        RaiseLauncherException(Failure::LibraryFileNotFound, text);
     }
     AddToLibrariesToLoad(path.string());
     return StoreAcknowledgeReply();
@@ -49,9 +48,7 @@ void JvmLauncher::AddToLibrariesToLoad(std::string libraryPath) {
     std::lock_guard<std::mutex> lock(m_librariesMutex);
     const fs::path path(libraryPath);
     if (!pathExists(path)) {
-        throw OstrelinkNativeException(
-            "JVM Launcher: Exception code 004. \nCannot find file: " + libraryPath + "\n",
-            "Unknown");
+        Ostrelink::Native::Failures::raise(Failure::LibraryFileNotFound, libraryPath);
     }
     const auto addOnce = [this](const std::string& entry) {
         if (std::find(m_librariesToLoad.begin(), m_librariesToLoad.end(), entry) ==

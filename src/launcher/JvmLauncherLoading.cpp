@@ -5,53 +5,35 @@
 #include <exception>
 
 #include "launcher/JvmLauncher.h"
+#include "launcher/JvmSearch.h"
 #include "support/ConfigHandler.h"
-#include "support/Platform.h"
 
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
 
-// First source that yields a path wins: the configuration, then OSTRELINK_JVM_RUNTIME_PATH, then
-// JAVA_HOME. The path may name a JVM root directory or the library file itself.
+// The order of the sources is searchJvm's (launcher/JvmSearch.h); this gives it its inputs.
 void JvmLauncher::SetJvmRuntimePath() {
+    std::string configured;
     try {
-        m_jvmRuntimePath = ConfigHandler::GetChannelRuntimePath("jvm", "default");
+        configured = ConfigHandler::GetChannelRuntimePath("jvm", "default");
     } catch (const std::exception&) {
         // A missing configuration library is no failure here: the variables still count.
-        m_jvmRuntimePath.clear();
+        configured.clear();
     }
-    if (!m_jvmRuntimePath.empty()) {
-        std::printf("Looking for JVM runtime in path: %s\n", m_jvmRuntimePath.c_str());
+    const auto search = Ostrelink::Native::Launcher::searchJvm(
+        configured, std::getenv("OSTRELINK_JVM_RUNTIME_PATH"), std::getenv("JAVA_HOME"));
+    for (const auto& line : search.lines) {
+        std::printf("%s\n", line.c_str());
         std::fflush(stdout);
-        return;
     }
-    if (const char* runtimePath = std::getenv("OSTRELINK_JVM_RUNTIME_PATH")) {
-        try {
-            m_jvmRuntimePath = runtimePath;
-            std::printf(
-                "Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment variable: %s\n",
-                runtimePath);
-            std::fflush(stdout);
-        } catch (const std::exception&) {
-            m_jvmRuntimePath.clear();
-        }
+    m_jvmRuntimePath = search.path;
+    if (search.failure) {
+        RaiseLauncherException(*search.failure);
     }
-    if (!m_jvmRuntimePath.empty()) {
-        return;
-    }
-    if (const char* javaHome = std::getenv("JAVA_HOME")) {
-        m_jvmRuntimePath = javaHome;
-        return;
-    }
-    RaiseLauncherException(
-        "JVM Launcher: Exception code 001. \nSet JAVA_HOME environment variable");
 }
 
 // The handle stays open for the life of the process: the JVM lives in that library.
 void JvmLauncher::LoadJvmSharedLibraryAndExportedFunctions() {
-    const std::string candidates[] = {m_jvmRuntimePath,
-                                      m_jvmRuntimePath + OSTRELINK_JVM_CANDIDATE_JRE,
-                                      m_jvmRuntimePath + OSTRELINK_JVM_CANDIDATE_JDK};
-    for (const auto& candidate : candidates) {
+    for (const auto& candidate : Ostrelink::Native::Launcher::jvmCandidates(m_jvmRuntimePath)) {
         {
             // The runtime info reads it on any thread.
             const std::lock_guard<std::mutex> lock(m_librariesMutex);
@@ -63,10 +45,7 @@ void JvmLauncher::LoadJvmSharedLibraryAndExportedFunctions() {
         }
     }
     if (dlerror() != nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 002. \nCheck JRE installation. Set JAVA_HOME to JRE or "
-            "JDK root directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library "
-            "file (" OSTRELINK_JVM_LIBRARY_FILE ")");
+        RaiseLauncherException(Failure::NoJvmLibrary);
     }
 }
 
@@ -84,9 +63,6 @@ void JvmLauncher::GetFunctionsPointers() {
     m_createJavaVM = reinterpret_cast<decltype(m_createJavaVM)>(
         findInLibrary(m_jvmLibraryHandle, "JNI_CreateJavaVM"));
     if (m_getCreatedJavaVMs == nullptr || m_createJavaVM == nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 003. \nCheck JRE installation. Set JAVA_HOME to JRE or "
-            "JDK root directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library "
-            "file (jvm.dll or libjvm.so or libjvm.dylib)");
+        RaiseLauncherException(Failure::NoInvocationFunctions);
     }
 }

@@ -3,9 +3,11 @@
 #include <vector>
 
 #include "launcher/JvmLauncher.h"
-#include "launcher/ScopedLocalRef.h"
-#include "launcher/ScopedUtfChars.h"
 #include "launcher/ThreadJniEnv.h"
+#include "launcher/jni/LocalRef.h"
+#include "launcher/jni/UtfChars.h"
+
+namespace Jni = Ostrelink::Native::Jni;
 
 namespace {
 // Set while this thread queries Java for its runtime info. A failure of the query is translated
@@ -53,22 +55,22 @@ std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
         const QueryScope scope;
         const ThreadJniEnv threadEnv(m_jvm);
         JNIEnv* env = threadEnv.m_jniEnv;
-        ScopedLocalRef<jstring> result(env, static_cast<jstring>(env->CallStaticObjectMethod(
-                                                m_receiverClass, m_getRuntimeInfoMethod)));
-        CheckAndHandleJvmException(env, "061", true);
+        Jni::LocalRef<jstring> result(env, static_cast<jstring>(env->CallStaticObjectMethod(
+                                               m_receiverClass, m_getRuntimeInfoMethod)));
+        CheckAndHandleJvmException(env, Failure::JavaExceptionFromRuntimeInfo, true);
         if (result.get() == nullptr) {
             return {};
         }
-        ScopedUtfChars characters(env, result.get());
+        Jni::UtfChars characters(env, result.get());
         if (characters.get() == nullptr) {
             ClearPendingJavaException(env);
             result.reset();
-            RaiseLauncherException("JVM Launcher: Exception code 062. Failed to get UTF chars");
+            RaiseLauncherException(Failure::UtfCharsFailed);
         }
-        CheckAndHandleJvmException(env, "063", true);
+        CheckAndHandleJvmException(env, Failure::JavaExceptionAfterUtfChars, true);
         std::string managed = characters.get();
-        characters.release();
-        CheckAndHandleJvmException(env, "064", true);
+        characters.reset();
+        CheckAndHandleJvmException(env, Failure::JavaExceptionAfterReleaseUtfChars, true);
         return managed;
     } catch (...) {
         return {};

@@ -10,10 +10,13 @@
 
 #include "launcher/JvmLauncher.h"
 #include "launcher/JvmStartChecks.h"
-#include "launcher/ScopedLocalRef.h"
 #include "launcher/ThreadJniEnv.h"
+#include "launcher/jni/GlobalRef.h"
+#include "launcher/jni/LocalRef.h"
 #include "support/LibrariesFinder.h"
 #include "support/Platform.h"
+
+namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
@@ -21,6 +24,7 @@ using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
 namespace {
 
 constexpr int jvmHeapMegabytes = 2048;
+// The text of 047 names it too.
 constexpr unsigned short debugPort = 8988;
 constexpr const char* jvmOptionsVariable = "OSTRELINK_JVM_OPTIONS";
 
@@ -71,9 +75,7 @@ int JvmLauncher::InitializeJvm() {
     }
 #endif
     if (m_getCreatedJavaVMs == nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 044. Initialize must run before the first command "
-            "that needs the JVM");
+        RaiseLauncherException(Failure::NotInitialized);
     }
     if (m_operationMode == RuntimeOperationMode::Calling) {
         noteIgnoredJvmOptions();
@@ -140,8 +142,7 @@ int JvmLauncher::InitializeJvm() {
         m_JvmEnv = getJniEnvForThread(m_jvm);
     }
     if (m_JvmEnv == nullptr) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 020. Cannot get m_JvmEnv.\nReinstall Ostrelink package");
+        RaiseLauncherException(Failure::NoEnvironmentAfterStart);
     }
     m_jniVersion = GetVersion();
     GetReceiverClass();
@@ -155,35 +156,23 @@ void JvmLauncher::CheckBeforeCreatingJvm() {
     const std::string text = value == nullptr ? std::string() : value;
     auto options = Ostrelink::Native::Launcher::splitJvmOptions(text);
     if (!options) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 046. OSTRELINK_JVM_OPTIONS has a quote that is not "
-            "closed: " +
-            text);
+        RaiseLauncherException(Failure::UnclosedQuote, text);
     }
     if (const std::string* reserved =
             Ostrelink::Native::Launcher::findReservedJvmOption(*options, m_debugMode)) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 045. OSTRELINK_JVM_OPTIONS may not hold " + *reserved +
-            ": the library sets the class path itself, and in debug mode the JDWP agent");
+        RaiseLauncherException(Failure::ReservedJvmOption, *reserved);
     }
     m_extraJvmOptions = std::move(*options);
     // The class path has no escape for its separator: the runtime jar would be cut in two.
     const std::string root = LibrariesFinder::getBinariesRootPath();
     if (root.find(OSTRELINK_CLASS_PATH_SEPARATOR) != std::string::npos) {
-        RaiseLauncherException(
-            "JVM Launcher: Exception code 048. The installation path holds '" +
-            std::string(OSTRELINK_CLASS_PATH_SEPARATOR) +
-            "', which the JVM's class path can't carry; install to a path without it: " +
-            std::filesystem::path(root).lexically_normal().string());
+        RaiseLauncherException(Failure::SeparatorInInstallationPath,
+                               std::filesystem::path(root).lexically_normal().string());
     }
     // The JDWP agent ends the whole process when it can't listen on its port.
     if (m_debugMode) {
         if (const int error = Ostrelink::Native::Launcher::loopbackPortBindError(debugPort)) {
-            RaiseLauncherException("JVM Launcher: Exception code 047. Debug mode needs port " +
-                                   std::to_string(debugPort) +
-                                   " on 127.0.0.1 for the debugger, and it can't be bound (" +
-                                   std::strerror(error) +
-                                   "); free the port or unset OSTRELINK_DEBUG_MODE");
+            RaiseLauncherException(Failure::DebugPortBusy, std::strerror(error));
         }
     }
 }
@@ -203,32 +192,30 @@ int JvmLauncher::CreateClassPath() {
 int JvmLauncher::GetReceiverClass() {
     JNIEnv* env = m_JvmEnv;
     if (env == nullptr) {
-        RaiseLauncherException("JVM Launcher: Exception code 021. \nReinstall Ostrelink package");
+        RaiseLauncherException(Failure::NoEnvironmentForReceiverClass);
     }
     if (m_receiverClass == nullptr) {
-        const ScopedLocalRef<jclass> found(env, env->FindClass(m_receiverClassName.c_str()));
+        const Jni::LocalRef<jclass> found(env, env->FindClass(m_receiverClassName.c_str()));
         if (ClearPendingJavaException(env) || found.get() == nullptr) {
-            RaiseLauncherException(
-                "JVM Launcher: Exception code 022. \nReinstall Ostrelink package");
+            RaiseLauncherException(Failure::NoReceiverClass);
         }
-        m_receiverClass = static_cast<jclass>(env->NewGlobalRef(found.get()));
-        if (ClearPendingJavaException(env) || m_receiverClass == nullptr) {
-            RaiseLauncherException(
-                "JVM Launcher: Exception code 022. \nReinstall Ostrelink package");
+        Jni::GlobalRef<jclass> global(env, found.get());
+        if (ClearPendingJavaException(env) || global.get() == nullptr) {
+            RaiseLauncherException(Failure::NoReceiverClass);
         }
+        // Kept for the life of the process: every thread and every later adoption uses it.
+        m_receiverClass = global.release();
     }
     const struct {
         const char* name;
         const char* signature;
         jmethodID& method;
-        const char* failure;
+        Failure failure;
     } methods[] = {
-        {"sendCommand", "([B)[B", m_sendCommandMethod,
-         "JVM Launcher: Exception code 024. \nReinstall Ostrelink package"},
-        {"heartBeat", "([B)[B", m_heartBeatMethod,
-         "JVM Launcher: Exception code 025. \nReinstall Ostrelink package"},
+        {"sendCommand", "([B)[B", m_sendCommandMethod, Failure::NoSendCommandMethod},
+        {"heartBeat", "([B)[B", m_heartBeatMethod, Failure::NoHeartBeatMethod},
         {"getRuntimeInfo", "()Ljava/lang/String;", m_getRuntimeInfoMethod,
-         "JVM Launcher: Exception code 026. \nReinstall Ostrelink package"},
+         Failure::NoGetRuntimeInfoMethod},
     };
     for (const auto& method : methods) {
         method.method = env->GetStaticMethodID(m_receiverClass, method.name, method.signature);
@@ -240,37 +227,38 @@ int JvmLauncher::GetReceiverClass() {
 }
 
 void JvmLauncher::HandleLaunchJvmError() {
-    std::string message;
+    Failure failure;
     switch (m_createJvmResult) {
         case JNI_ERR:
-            message = "JVM Launcher: Exception code 031";
+            failure = Failure::CreateJvmErr;
             break;
         case JNI_EDETACHED:
-            message = "JVM Launcher: Exception code 032";
+            failure = Failure::CreateJvmDetached;
             break;
         case JNI_EVERSION:
-            message = "JVM Launcher: Exception code 033";
+            failure = Failure::CreateJvmVersion;
             break;
         case JNI_ENOMEM:
-            message = "JVM Launcher: Exception code 034";
+            failure = Failure::CreateJvmNoMemory;
             break;
         case JNI_EEXIST:
-            message = "JVM Launcher: Exception code 035";
+            failure = Failure::CreateJvmExists;
             break;
         case JNI_EINVAL:
-            message = "JVM Launcher: Exception code 036";
+            failure = Failure::CreateJvmInvalid;
             break;
         default:
             return;
     }
     // The user's options are the likeliest cause; the JVM has said on standard error which one.
+    std::string options;
     if (!m_extraJvmOptions.empty()) {
-        message += "\nJVM options from OSTRELINK_JVM_OPTIONS:";
+        options = "\nJVM options from OSTRELINK_JVM_OPTIONS:";
         for (const auto& option : m_extraJvmOptions) {
-            message += " [" + option + "]";
+            options += " [" + option + "]";
         }
     }
-    RaiseLauncherException(message);
+    RaiseLauncherException(failure, options);
 }
 
 int JvmLauncher::GetVersion() {

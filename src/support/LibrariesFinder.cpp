@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
 #include "support/Platform.h"
 #include "support/RuntimeNameHandler.h"
@@ -43,10 +44,7 @@ std::string LibrariesFinder::getThisLibraryPath() {
     Dl_info info{};
     if (dladdr(reinterpret_cast<void*>(&emptyFunctionInNativeLib), &info) == 0) {
         const char* error = dlerror();
-        throw OstrelinkNativeException(
-            std::string("Ostrelink Native Exception: Exception code 002. \nError: ") +
-                (error != nullptr ? error : ""),
-            "Unknown");
+        Failures::raise(Failures::Failure::NoOwnPath, error != nullptr ? error : "");
     }
     std::string file = info.dli_fname != nullptr ? info.dli_fname : "";
     const auto slash = file.find_last_of('/');
@@ -76,16 +74,16 @@ void* LibrariesFinder::open(const std::string& path, int flags, bool throwOnErro
     std::string message;
     struct stat fileStatus {};
     if (stat(path.c_str(), &fileStatus) != 0) {
-        message = "Ostrelink Native Exception: Exception code 001. \nCannot load: " + path +
-                  ". \nError: File not found.";
+        message = Failures::text(Failures::Failure::CannotLoadLibrary,
+                                 path + ". \nError: File not found.");
     } else {
         void* handle = dlopen(path.c_str(), flags);
         if (handle != nullptr) {
             return handle;
         }
         const char* error = dlerror();
-        message = "Ostrelink Native Exception: Exception code 001. \nCannot load: " + path +
-                  ". \nError: " + (error != nullptr ? error : "");
+        message = Failures::text(Failures::Failure::CannotLoadLibrary,
+                                 path + ". \nError: " + (error != nullptr ? error : ""));
     }
     if (throwOnError) {
         throw OstrelinkNativeException(message, "Unknown");

@@ -13,7 +13,8 @@ public:
 
     // Directory of this library's file, with a trailing "/". Asks the loader on every call.
     static std::string getThisLibraryPath();
-    // The process's working directory, generic form, with a trailing "/".
+    // The process's working directory, generic form, with a trailing "/". Part of the finder's
+    // documented surface; nothing in this library calls it.
     static std::string getCurrentWorkingDirectory();
     // getThisLibraryPath() + "../../../../": the installation root, not simplified.
     static std::string getBinariesRootPath();
@@ -24,6 +25,7 @@ public:
     // prints the message to stderr when printError, and returns null.
     static void* loadLibrary(std::string path, bool throwOnError, bool printError);
     // Same contract; also asks the loader to prefer the library's own symbols where it can.
+    // Documented surface with no caller here.
     static void* loadLibraryDeepBind(std::string path, bool throwOnError, bool printError);
 
     // Cached loads from pathToDir. A failed load is not remembered: the next call tries again.
@@ -32,6 +34,8 @@ public:
     static void* loadTcpClientLibrary(bool throwOnError);
     static void* loadTcpTlsClientLibrary(bool throwOnError);
 
+    // "/Binaries/Native/<platform>/<arch>/". Documented surface that nothing reads: the loaders
+    // go by pathToDir.
     static const std::string nativeDirectoryRelativePath;
     static const std::string pathToDir;
 

@@ -9,6 +9,7 @@
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "contracts/RuntimeFactories.h"
+#include "support/Failures.h"
 #include "support/LibrariesFinder.h"
 #include "support/OstrelinkNativeException.h"
 #include "support/RuntimeNameHandler.h"
@@ -17,6 +18,8 @@ namespace Ostrelink::Native::Transport {
 
 using Definitions::CommandHeader;
 using Definitions::RuntimeOperationMode;
+using Failures::Failure;
+using Failures::raise;
 using Interfaces::CreateReceiverFn;
 using Interfaces::CreateTransmitterFn;
 using Interfaces::IReceiver;
@@ -31,21 +34,10 @@ namespace {
 std::mutex initializationMutex;
 
 constexpr int firstRuntime = 0;
-constexpr int lastRuntime = 10;
+constexpr int lastRuntime = Definitions::highestRuntimeCode;
 
-// The objects belong to the library that made them.
-template <typename Object>
-std::shared_ptr<Object> borrowed(Object* object) {
-    return std::shared_ptr<Object>(object, [](Object*) {});
-}
-
-[[noreturn]] void fail(const std::string& code, const std::string& text) {
-    throw OstrelinkNativeException(
-        "Ostrelink Native Exception: Exception code " + code + ". \n" + text, "Unknown");
-}
-
-[[noreturn]] void reinstall(const char* code) {
-    fail(code, "Reinstall Ostrelink package");
+bool isRuntime(int code) {
+    return code >= firstRuntime && code <= lastRuntime;
 }
 
 // The chain of DeployRuntime calls that this thread is inside, innermost first.
@@ -60,16 +52,12 @@ thread_local const DeployScope* deploying = nullptr;
 TransportInMemory::TransportInMemory() {
     for (int code = firstRuntime; code <= lastRuntime; ++code) {
         m_libraries[code] = nullptr;
-        m_receivers[code] = nullptr;
-        m_transmitters[code] = nullptr;
     }
 }
 
 TransportInMemory::~TransportInMemory() {
     for (int code = firstRuntime; code <= lastRuntime; ++code) {
-        const bool gaveObjects = m_receivers[code] || m_transmitters[code];
-        m_receivers[code].reset();
-        m_transmitters[code].reset();
+        const bool gaveObjects = m_receivers[code] != nullptr || m_transmitters[code] != nullptr;
         if (m_libraries[code] != nullptr && !gaveObjects) {
             dlclose(m_libraries[code]);
         }
@@ -112,9 +100,7 @@ int TransportInMemory::SendCommand(unsigned char* message, int length) {
 
 int TransportInMemory::ReadResponse(unsigned char* buffer, int length) {
     if (buffer == nullptr || length < 1) {
-        fail("033",
-             "Response buffer is null or empty: its first byte names the runtime to read "
-             "from");
+        raise(Failure::EmptyResponseBuffer);
     }
     return receiverOf(buffer[CommandHeader::targetRuntime])->ReadResponse(buffer, length);
 }
@@ -130,10 +116,10 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
                                                unsigned char flag) {
     for (const DeployScope* scope = deploying; scope != nullptr; scope = scope->outer) {
         if (scope->channel == this) {
-            fail("028", "DeployRuntime loops back to the transmitter that sent it");
+            raise(Failure::DeployLoopsBack);
         }
     }
-    const std::shared_ptr<ITransmitter> target = transmitterOf(lastPair().calledRuntime);
+    ITransmitter* const target = transmitterOf(lastPair().calledRuntime);
     const DeployScope scope{this, deploying};
     deploying = &scope;
     struct Leave {
@@ -148,7 +134,8 @@ void TransportInMemory::ImportCalledLibrary() {
 }
 
 void TransportInMemory::CreateReceiverInCalledRuntime() {
-    createReceiver(lastPair().calledRuntime, RuntimeOperationMode::Called, "014", "015");
+    createReceiver(lastPair().calledRuntime, RuntimeOperationMode::Called,
+                   Failure::NoCreateReceiverInCalled, Failure::NullReceiverInCalled);
 }
 
 void TransportInMemory::CreateTransmitterInCalledRuntime() {
@@ -160,7 +147,8 @@ void TransportInMemory::ImportCallingLibrary() {
 }
 
 void TransportInMemory::CreateReceiverInCallingRuntime() {
-    createReceiver(lastPair().callingRuntime, RuntimeOperationMode::Calling, "017", "018");
+    createReceiver(lastPair().callingRuntime, RuntimeOperationMode::Calling,
+                   Failure::NoCreateReceiverInCalling, Failure::NullReceiverInCalling);
 }
 
 void TransportInMemory::CreateTransmitterInCallingRuntime() {
@@ -189,40 +177,50 @@ void TransportInMemory::importLibrary(int code) {
     handle = LibrariesFinder::loadLibrary(LibrariesFinder::getRuntimeLibraryPath(code), true, true);
 }
 
-void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, const char* missingCode,
-                                       const char* nullCode) {
-    std::shared_ptr<IReceiver>& entry = m_receivers[code];
-    if (std::atomic_load(&entry)) {
+void TransportInMemory::createReceiver(int code, RuntimeOperationMode mode, Failure missing,
+                                       Failure null) {
+    if (!isRuntime(code)) {
+        raise(
+            Failure::NoChannelObject,
+            "receiver of runtime " + RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
+    }
+    std::atomic<IReceiver*>& entry = m_receivers[code];
+    if (entry.load(std::memory_order_relaxed) != nullptr) {  // written only under this lock
         return;
     }
     void* symbol = dlsym(m_libraries[code], "CreateReceiver");
     if (symbol == nullptr) {
-        reinstall(missingCode);
+        raise(missing);
     }
     IReceiver* created = reinterpret_cast<CreateReceiverFn>(symbol)(mode);
     if (created == nullptr) {
-        reinstall(nullCode);
+        raise(null);
     }
     // A receiver whose Initialize throws is not stored; the next attempt asks the factory again.
     const LastPair pair = lastPair();
     created->Initialize(pair.callingRuntime, pair.calledRuntime, pair.runtimeVersion);
-    std::atomic_store(&entry, borrowed(created));
+    entry.store(created, std::memory_order_release);
 }
 
 void TransportInMemory::createTransmitter(int code, RuntimeOperationMode mode) {
-    std::shared_ptr<ITransmitter>& entry = m_transmitters[code];
-    if (std::atomic_load(&entry)) {
+    if (!isRuntime(code)) {
+        raise(Failure::NoChannelObject,
+              "transmitter of runtime " +
+                  RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
+    }
+    std::atomic<ITransmitter*>& entry = m_transmitters[code];
+    if (entry.load(std::memory_order_relaxed) != nullptr) {  // written only under this lock
         return;
     }
     void* symbol = dlsym(m_libraries[code], "CreateTransmitter");
     if (symbol == nullptr) {
-        reinstall("016");
+        raise(Failure::NoCreateTransmitter);
     }
     ITransmitter* created = reinterpret_cast<CreateTransmitterFn>(symbol)(mode);
     if (created == nullptr) {
-        reinstall("027");
+        raise(Failure::NullTransmitter);
     }
-    std::atomic_store(&entry, borrowed(created));
+    entry.store(created, std::memory_order_release);
 }
 
 void TransportInMemory::sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
@@ -245,30 +243,24 @@ TransportInMemory::LastPair TransportInMemory::lastPair() const {
             static_cast<unsigned char>(packed >> 16)};
 }
 
-std::shared_ptr<IReceiver> TransportInMemory::receiverOf(int code) const {
-    const auto found = m_receivers.find(code);
-    std::shared_ptr<IReceiver> entry;
-    if (found != m_receivers.end()) {
-        entry = std::atomic_load(&found->second);
-    }
-    if (!entry) {
-        fail("019", "No receiver of runtime " +
-                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
-                        " is set up on the in-memory channel");
+IReceiver* TransportInMemory::receiverOf(int code) const {
+    IReceiver* entry =
+        isRuntime(code) ? m_receivers[code].load(std::memory_order_acquire) : nullptr;
+    if (entry == nullptr) {
+        raise(
+            Failure::NoChannelObject,
+            "receiver of runtime " + RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
     }
     return entry;
 }
 
-std::shared_ptr<ITransmitter> TransportInMemory::transmitterOf(int code) const {
-    const auto found = m_transmitters.find(code);
-    std::shared_ptr<ITransmitter> entry;
-    if (found != m_transmitters.end()) {
-        entry = std::atomic_load(&found->second);
-    }
-    if (!entry) {
-        fail("019", "No transmitter of runtime " +
-                        RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code) +
-                        " is set up on the in-memory channel");
+ITransmitter* TransportInMemory::transmitterOf(int code) const {
+    ITransmitter* entry =
+        isRuntime(code) ? m_transmitters[code].load(std::memory_order_acquire) : nullptr;
+    if (entry == nullptr) {
+        raise(Failure::NoChannelObject,
+              "transmitter of runtime " +
+                  RuntimeNameHandler::RuntimeNameHandler::GetRuntimeName(code));
     }
     return entry;
 }

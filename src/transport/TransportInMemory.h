@@ -11,7 +11,9 @@
 #include "contracts/IReceiver.h"
 #include "contracts/ITransmitter.h"
 #include "contracts/ITransport.h"
+#include "contracts/Runtime.h"
 #include "contracts/RuntimeOperationMode.h"
+#include "support/Failures.h"
 
 namespace Ostrelink::Native::Transport {
 
@@ -25,10 +27,11 @@ namespace Ostrelink::Native::Transport {
 // of that library has given us an object; handles of libraries that gave nothing are closed by
 // the destructor, after the entries are gone, so no code of an unloaded library can run.
 //
-// Threads. initializationMutex (one for the library) covers the whole of Initialize. Entries are
-// written only there, and read with atomic shared_ptr loads everywhere else, so senders on other
-// threads never see a half-written entry. The maps themselves never change shape after
-// construction outside Initialize's look-ups of m_libraries, which are under the mutex.
+// Threads. initializationMutex (one for the library) covers the whole of Initialize. An entry is
+// written once, there, and never changes after: a plain pointer stored with release ordering
+// once the object is set up and loaded with acquire ordering on every message, so senders on
+// other threads take no lock and never see a half-set-up object. m_libraries is only touched
+// under the mutex.
 class TransportInMemory : public Interfaces::ITransport {
 public:
     TransportInMemory();
@@ -64,14 +67,14 @@ public:
 
 private:
     void importLibrary(int code);
-    void createReceiver(int code, Definitions::RuntimeOperationMode mode, const char* missingCode,
-                        const char* nullCode);
+    void createReceiver(int code, Definitions::RuntimeOperationMode mode, Failures::Failure missing,
+                        Failures::Failure null);
     void createTransmitter(int code, Definitions::RuntimeOperationMode mode);
     void sendHeartBeat(unsigned char targetRuntime, unsigned char runtimeVersion,
                        unsigned char callingRuntime);
     // The entry of code, or code 019 if the runtime has no such object on this channel.
-    std::shared_ptr<Interfaces::IReceiver> receiverOf(int code) const;
-    std::shared_ptr<Interfaces::ITransmitter> transmitterOf(int code) const;
+    Interfaces::IReceiver* receiverOf(int code) const;
+    Interfaces::ITransmitter* transmitterOf(int code) const;
 
     struct LastPair {
         unsigned char callingRuntime;
@@ -84,8 +87,9 @@ private:
     // Written under initializationMutex, read without it by SetEmbeddedRuntime, DeployRuntime
     // and the heartbeats on any thread: one atomic word, so a reader never sees half of a pair.
     std::atomic<std::uint32_t> m_lastPair{0x646464};  // 100, 100, 100: no runtime yet
-    std::map<int, std::shared_ptr<Interfaces::IReceiver>> m_receivers;
-    std::map<int, std::shared_ptr<Interfaces::ITransmitter>> m_transmitters;
+    // By runtime code. Borrowed: the library that made an object destroys it, never the channel.
+    std::atomic<Interfaces::IReceiver*> m_receivers[Definitions::highestRuntimeCode + 1] = {};
+    std::atomic<Interfaces::ITransmitter*> m_transmitters[Definitions::highestRuntimeCode + 1] = {};
     std::map<int, void*> m_libraries;
     // Pairs (calling, called) whose called half is set up and whose calling half failed. Under
     // initializationMutex.

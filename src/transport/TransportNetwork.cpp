@@ -4,24 +4,16 @@
 
 #include <utility>
 
+#include "support/Failures.h"
 #include "support/LibrariesFinder.h"
-#include "support/OstrelinkNativeException.h"
 
 namespace Ostrelink::Native::Transport {
 
+using Failures::Failure;
+using Failures::raise;
 using Interfaces::CreateTransportChannelFn;
 using Interfaces::ITransport;
 using LibrariesFinder::LibrariesFinder;
-
-namespace {
-
-[[noreturn]] void reinstall(const char* code) {
-    throw OstrelinkNativeException(std::string("Ostrelink Native Exception: Exception code ") +
-                                       code + ". \nReinstall Ostrelink package",
-                                   "Unknown");
-}
-
-}  // namespace
 
 TransportNetwork::TransportNetwork(std::string host, unsigned short port, bool useTls)
     : m_host(std::move(host)), m_port(port), m_useTls(useTls) {}
@@ -47,7 +39,7 @@ int TransportNetwork::Initialize(unsigned char callingRuntime, unsigned char cal
         }
     }
     if (!m_channel) {
-        reinstall("013");
+        raise(Failure::NoNetworkChannel);
     }
     if (m_client.load(std::memory_order_relaxed) == nullptr) {
         m_client.store(m_channel.get(), std::memory_order_release);
@@ -113,12 +105,12 @@ int TransportNetwork::createClientChannel(void* library, std::shared_ptr<ITransp
     m_createTransportChannel =
         reinterpret_cast<CreateTransportChannelFn>(dlsym(library, "CreateTransportChannel"));
     if (m_createTransportChannel == nullptr) {
-        reinstall("011");
+        raise(Failure::NoCreateTransportChannel);
     }
     // The caller owns what the factory returns, and deletes it through its virtual destructor.
     channel.reset(m_createTransportChannel(m_host, m_port));
     if (!channel) {
-        reinstall("012");
+        raise(Failure::NullTransportChannel);
     }
     // Runs once per object, so the client object hears only the first message's runtimes. A
     // failure here leaves the object stored and not initialised; it is not retried.
@@ -129,7 +121,7 @@ int TransportNetwork::createClientChannel(void* library, std::shared_ptr<ITransp
 ITransport& TransportNetwork::channel() const {
     ITransport* client = m_client.load(std::memory_order_acquire);
     if (client == nullptr) {
-        reinstall("013");
+        raise(Failure::NoNetworkChannel);
     }
     return *client;
 }

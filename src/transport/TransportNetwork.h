@@ -45,6 +45,8 @@ public:
                                   unsigned char runtimeVersion);
     int CreateTransportTcpTlsChannel(unsigned char callingRuntime, unsigned char calledRuntime,
                                      unsigned char runtimeVersion);
+    // Does nothing: kept as the channel's documented surface, the client libraries being loaded
+    // by the two Import steps above.
     int ImportLibraryAndExportedFunctions();
 
 private:

@@ -5,14 +5,19 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "LauncherTesting.h"
 #include "common/HostLibrary.h"
+#include "launcher/JvmSearch.h"
 
-using testing::EndsWith;
+using Ostrelink::Native::Launcher::JvmSearch;
+using Ostrelink::Native::Launcher::searchJvm;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
+using Lines = std::vector<std::string>;
+using Source = JvmSearch::Source;
 
 namespace fs = std::filesystem;
 
@@ -24,160 +29,111 @@ constexpr const char* jreCandidate = "/jre/lib/aarch64/server/libjvm.so";
 constexpr const char* jreCandidate = "/jre/lib/amd64/server/libjvm.so";
 #endif
 constexpr const char* jdkCandidate = "/lib/server/libjvm.so";
-
-constexpr const char* text002 =
-    "JVM Launcher: Exception code 002. \nCheck JRE installation. Set JAVA_HOME to JRE or JDK root "
-    "directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library file (libjvm.so)"
-    "\nRUNTIME INFO:\n";
 constexpr const char* variableLine =
     "Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment variable: ";
 
+// The configuration first, then OSTRELINK_JVM_RUNTIME_PATH unless empty, then JAVA_HOME, even
+// empty; the variable is printed whenever it is asked and set.
+TEST(JvmSearchOrder, FirstSourceWithAPathWinsAndTheCandidatesFollowIt) {
+    const char* const unset = nullptr;
+    const struct {
+        const char* configured;
+        const char* runtimePath;
+        const char* javaHome;
+        Source source;
+        const char* path;
+        Lines lines;
+    } cases[] = {
+        {"", unset, unset, Source::None, "", {}},
+        {"", "", unset, Source::None, "", {variableLine}},
+        {"", "", "/jdk", Source::JavaHome, "/jdk", {variableLine}},
+        {"", unset, "", Source::JavaHome, "", {}},
+        {"", unset, "/jdk/", Source::JavaHome, "/jdk/", {}},
+        {"",
+         "/rt/libjvm.so",
+         "/jdk",
+         Source::RuntimePathVariable,
+         "/rt/libjvm.so",
+         {std::string(variableLine) + "/rt/libjvm.so"}},
+        {"/conf",
+         "/rt",
+         "/jdk",
+         Source::Configured,
+         "/conf",
+         {"Looking for JVM runtime in path: /conf"}},
+    };
+    for (const auto& c : cases) {
+        const JvmSearch search = searchJvm(c.configured, c.runtimePath, c.javaHome);
+        const std::string path = c.path;
+        EXPECT_EQ(search.source, c.source) << path;
+        EXPECT_EQ(search.path, path);
+        EXPECT_EQ(search.lines, c.lines) << path;
+        EXPECT_EQ(search.failure.has_value(), c.source == Source::None) << path;
+        EXPECT_EQ(search.candidates, c.source == Source::None
+                                         ? Lines{}
+                                         : Lines({path, path + jreCandidate, path + jdkCandidate}));
+    }
+}
+
 // The search only binds the library; no JVM is started, so the staged tree serves as it is.
-class JvmSearch : public testing::Test {
+class JvmSearchEndToEnd : public testing::Test {
 protected:
     void SetUp() override {
         unsetenv("OSTRELINK_JVM_RUNTIME_PATH");
         unsetenv("JAVA_HOME");
-        receiver = copy.createReceiver(RuntimeOperationMode::Called);
     }
 
-    // Initialize with standard output captured.
-    std::string initialize() {
-        testing::internal::CaptureStdout();
-        try {
-            receiver->Initialize(8, 2, 0);
-        } catch (...) {
-            output = testing::internal::GetCapturedStdout();
-            throw;
-        }
-        output = testing::internal::GetCapturedStdout();
-        return output;
-    }
-
-    std::string searchPath() {
+    std::string searchPath(IReceiver* receiver) {
         const std::string info = runtimeInfo(receiver);
         const std::string label = "JVM shared library search path: ";
         const auto at = info.rfind(label);
         return at == std::string::npos ? "<none>" : info.substr(at + label.size());
     }
 
-    // A JDK-like directory whose only JVM library is a link to the real one, at candidate.
-    std::string fakeJdk(const std::string& candidate) {
-        const fs::path library = fs::path(jdk.path() + candidate);
-        fs::create_directories(library.parent_path());
-        fs::create_symlink(realJvmLibrary(), library);
-        return jdk.path();
-    }
-
     InstallationCopy copy{testJar("probe")};
     TemporaryDirectory jdk;
-    IReceiver* receiver = nullptr;
-    std::string output;
 };
 
-TEST_F(JvmSearch, JavaHomeWithTheJdkLayoutOpensTheThirdCandidateSilently) {
-    setEnvironment("JAVA_HOME", fakeJdk(jdkCandidate));
-    EXPECT_THAT(initialize(), Not(HasSubstr("Looking for JVM runtime")));
-    EXPECT_EQ(searchPath(), jdk.path() + jdkCandidate);
-}
-
-TEST_F(JvmSearch, JavaHomeWithTheJreLayoutOpensTheSecondCandidate) {
-    setEnvironment("JAVA_HOME", fakeJdk(jreCandidate));
-    initialize();
-    EXPECT_EQ(searchPath(), jdk.path() + jreCandidate);
-}
-
-TEST_F(JvmSearch, ARuntimePathNamingTheLibraryFileOpensTheFirstCandidateAndWinsOverJavaHome) {
-    setEnvironment("JAVA_HOME", fakeJdk(jdkCandidate));
+// The configuration is asked first; a path from it ends the search, and neither variable is
+// looked at.
+TEST_F(JvmSearchEndToEnd, AConfiguredPathWinsOverBothVariables) {
+    const fs::path library = fs::path(jdk.path() + jdkCandidate);
+    fs::create_directories(library.parent_path());
+    fs::create_symlink(realJvmLibrary(), library);
+    const std::string source = jdk.path() + "/ostrelink.conf";
+    std::ofstream(source) << "jvm.default.runtimePath = " << jdk.path() << "\n";
+    IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Called);
+    ASSERT_EQ(receiver->SetConfigSource(source), 0);
     setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", realJvmLibrary());
-    EXPECT_THAT(initialize(), HasSubstr(variableLine + realJvmLibrary() + "\n"));
-    EXPECT_EQ(searchPath(), realJvmLibrary());
-}
-
-TEST_F(JvmSearch, AnEmptyRuntimePathIsPrintedAndJavaHomeIsUsed) {
-    setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", "");
     setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
-    EXPECT_THAT(initialize(), HasSubstr(std::string(variableLine) + "\n"));
-    EXPECT_EQ(searchPath(), realJvmLibrary());
+    testing::internal::CaptureStdout();
+    receiver->Initialize(8, 2, 0);
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(printed, HasSubstr("Looking for JVM runtime in path: " + jdk.path() + "\n"));
+    EXPECT_THAT(printed, Not(HasSubstr(variableLine)));
+    EXPECT_EQ(searchPath(receiver), jdk.path() + jdkCandidate);
 }
 
-TEST_F(JvmSearch, ATrailingSlashIsKeptInTheCandidates) {
-    setEnvironment("JAVA_HOME", fakeJdk(jdkCandidate) + "/");
-    initialize();
-    EXPECT_EQ(searchPath(), jdk.path() + "/" + jdkCandidate);
-}
-
-TEST_F(JvmSearch, NoSourceGives001AndAnotherInitializeMayFollow) {
-    EXPECT_THAT(failureOf([&] { initialize(); }),
-                StartsWith("JVM Launcher: Exception code 001. \nSet JAVA_HOME environment variable"
-                           "\nRUNTIME INFO:\n\nJVM Native Launcher Runtime Info: \nJVM shared "
-                           "library search path: "));
-    EXPECT_THAT(output, Not(HasSubstr("Looking for JVM runtime")));
-    setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
-    EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
-    const Bytes command = javaCommand("after a failed Initialize");
-    EXPECT_EQ(sendAndRead(receiver, command), command);
-}
-
-TEST_F(JvmSearch, AnEmptyRuntimePathWithoutJavaHomeIsPrintedThenGives001) {
-    setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", "");
-    EXPECT_THAT(failureOf([&] { initialize(); }), StartsWith("JVM Launcher: Exception code 001."));
-    EXPECT_THAT(output, HasSubstr(std::string(variableLine) + "\n"));
-}
-
-// The runtime info of the failure names the last candidate tried.
-TEST_F(JvmSearch, ADirectoryWithoutAJvmGives002) {
+// Without the configuration library the variables still count. A directory without a JVM gives
+// 002, naming the last candidate; a library without the invocation functions gives 003. (A
+// Calling receiver: a Called one asks the configuration for its logging level.)
+TEST_F(JvmSearchEndToEnd, WithoutConfigurationLibraryTheLoadFailuresGive002Then003) {
+    ASSERT_TRUE(fs::remove(fs::path(copy.libraryPath()).parent_path() / "libConfigs.so"));
+    IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Calling);
     setEnvironment("JAVA_HOME", jdk.path());
-    EXPECT_EQ(failureOf([&] { initialize(); }),
-              std::string(text002) +
-                  "\nJVM Native Launcher Runtime Info: \nJVM shared library search path: " +
+    EXPECT_EQ(failureOf([&] { receiver->Initialize(2, 8, 0); }),
+              "JVM Launcher: Exception code 002. \nCheck JRE installation. Set JAVA_HOME to JRE "
+              "or JDK root directory or set OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared "
+              "library file (libjvm.so)\nRUNTIME INFO:\n\nJVM Native Launcher Runtime Info: \nJVM "
+              "shared library search path: " +
                   jdk.path() + jdkCandidate);
-}
-
-TEST_F(JvmSearch, AFileThatIsNoLibraryGives002) {
-    const std::string notALibrary = jdk.path() + "/libjvm.so";
-    std::ofstream(notALibrary) << "not a shared library";
-    setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", notALibrary);
-    EXPECT_THAT(failureOf([&] { initialize(); }), StartsWith(text002));
-    EXPECT_EQ(searchPath(), notALibrary + jdkCandidate);
-}
-
-TEST_F(JvmSearch, ALibraryWithoutTheInvocationFunctionsGives003) {
     setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", copy.libraryPath());
-    EXPECT_THAT(failureOf([&] { initialize(); }),
+    EXPECT_THAT(failureOf([&] { receiver->Initialize(2, 8, 0); }),
                 StartsWith("JVM Launcher: Exception code 003. \nCheck JRE installation. Set "
                            "JAVA_HOME to JRE or JDK root directory or set "
                            "OSTRELINK_JVM_RUNTIME_PATH to proper jvm shared library file (jvm.dll "
                            "or libjvm.so or libjvm.dylib)\nRUNTIME INFO:\n"));
-    EXPECT_EQ(searchPath(), copy.libraryPath());
-}
-
-// The configuration is asked first; a path from it ends the search, and neither variable is
-// looked at.
-TEST_F(JvmSearch, AConfiguredPathWinsOverBothVariables) {
-    const std::string configured = fakeJdk(jdkCandidate);
-    const std::string source = jdk.path() + "/ostrelink.conf";
-    std::ofstream(source) << "jvm.default.runtimePath = " << configured << "\n";
-    ASSERT_EQ(receiver->SetConfigSource(source), 0);
-    setEnvironment("OSTRELINK_JVM_RUNTIME_PATH", realJvmLibrary());
-    setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
-    const std::string printed = initialize();
-    EXPECT_THAT(printed, HasSubstr("Looking for JVM runtime in path: " + configured + "\n"));
-    EXPECT_THAT(printed, Not(HasSubstr(variableLine)));
-    EXPECT_EQ(searchPath(), configured + jdkCandidate);
-}
-
-// Without the configuration library the search goes on with the variables. (A Calling receiver,
-// because a Called one asks the configuration for its logging level after the launcher is done.)
-TEST(JvmSearchWithoutConfiguration, AMissingConfigurationLibraryIsNoFailure) {
-    const InstallationCopy copy(testJar("probe"));
-    ASSERT_TRUE(fs::remove(fs::path(copy.libraryPath()).parent_path() / "libConfigs.so"));
-    unsetenv("OSTRELINK_JVM_RUNTIME_PATH");
-    setEnvironment("JAVA_HOME", OSTRELINK_JAVA_HOME);
-    IReceiver* receiver = copy.createReceiver(RuntimeOperationMode::Calling);
-    EXPECT_EQ(receiver->Initialize(2, 8, 0), 0);
-    EXPECT_THAT(runtimeInfo(receiver),
-                EndsWith("JVM shared library search path: " + realJvmLibrary()));
+    EXPECT_EQ(searchPath(receiver), copy.libraryPath());
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 
 #include "HostSession.h"
 #include "RuntimeLibrary.h"
+#include "launcher/JvmSearch.h"
 #include "support/ErrorLogFile.h"
 #include "support/Platform.h"
 
@@ -30,17 +31,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The JVM library's places under a JVM source, in the order the library tries them: the path
-// itself, then the library's own suffixes. The one list of them in the tool.
-const char* const candidateSuffixes[] = {"", OSTRELINK_JVM_CANDIDATE_JRE,
-                                         OSTRELINK_JVM_CANDIDATE_JDK};
 const std::string serverVm = std::string(OSTRELINK_JVM_CANDIDATE_JDK).substr(1);
 const char* const invocationFunctions[] = {"JNI_GetCreatedJavaVMs", "JNI_CreateJavaVM"};
 
 // Lines of the library: what Initialize prints, and the end of its runtime info.
-constexpr char configuredLine[] = "Looking for JVM runtime in path: ";
-constexpr char variableLine[] =
-    "Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment variable: ";
+using Ostrelink::Native::Launcher::configuredSourceLine;
+using Ostrelink::Native::Launcher::variableSourceLine;
 constexpr char searchPathLine[] = "JVM shared library search path: ";
 constexpr char runtimeInfoMark[] = "\nRUNTIME INFO:\n";
 
@@ -377,9 +373,10 @@ void Doctor::check(const std::string& libraryPath) {
     // The source: the library says which of the first two it took; JAVA_HOME is the rest.
     const std::string code = codeOf(failure);
     std::optional<JvmSource> source;
-    if (auto configured = lineAfter(printed, configuredLine)) {
+    if (auto configured = lineAfter(printed, configuredSourceLine)) {
         source = JvmSource{"the configured path", *configured};
-    } else if (auto variable = lineAfter(printed, variableLine); variable && !variable->empty()) {
+    } else if (auto variable = lineAfter(printed, variableSourceLine);
+               variable && !variable->empty()) {
         source = JvmSource{"OSTRELINK_JVM_RUNTIME_PATH", *variable};
     } else if (const char* javaHome = std::getenv("JAVA_HOME");
                javaHome != nullptr && code != "001") {
@@ -401,8 +398,9 @@ void Doctor::check(const std::string& libraryPath) {
         lineAfter(failure.empty() ? printed : failure, searchPathLine).value_or("");
     std::vector<Candidate> candidates;
     bool tried = true;
-    for (const char* suffix : candidateSuffixes) {
-        candidates.push_back(examine(source->value + suffix, tried));
+    // The JVM library's places under the source, from the library's own search.
+    for (const std::string& place : Ostrelink::Native::Launcher::jvmCandidates(source->value)) {
+        candidates.push_back(examine(place, tried));
         const bool used = failure.empty() && candidates.back().path == reported;
         say("libjvm candidate: " + candidates.back().path + ": " + candidates.back().description +
             (used ? ", used" : ""));

@@ -5,8 +5,12 @@
 #include <stdexcept>
 
 #include <ostrelink/CommandHeader.h>
+#include <ostrelink/CommandType.h>
+#include <ostrelink/Runtime.h>
 
 using Ostrelink::Native::Definitions::CommandHeader;
+using Ostrelink::Native::Definitions::CommandType;
+using Ostrelink::Native::Definitions::Runtime;
 
 namespace {
 
@@ -15,11 +19,11 @@ constexpr int operationOffset = 11;
 constexpr unsigned char echoOperation = 0;
 constexpr unsigned char invokeOperation = 1;
 constexpr unsigned char runtimeInfoOperation = 2;
-constexpr unsigned char plainCommand = 0;
-constexpr unsigned char loadLibraryCommand = 1;
-constexpr unsigned char exceptionReply = 10;
-constexpr unsigned char jvmRuntime = 2;
-constexpr unsigned char cppRuntime = 8;
+constexpr auto plainCommand = static_cast<unsigned char>(CommandType::PlainCommand);
+constexpr auto loadLibraryCommand = static_cast<unsigned char>(CommandType::LoadLibraryCommand);
+constexpr auto exceptionReply = static_cast<unsigned char>(CommandType::ExceptionReply);
+constexpr auto jvmRuntime = static_cast<unsigned char>(Runtime::Jvm);
+constexpr auto cppRuntime = static_cast<unsigned char>(Runtime::Cpp);
 
 std::vector<unsigned char> message(unsigned char commandType, unsigned char operation,
                                    const std::string& payloadText) {

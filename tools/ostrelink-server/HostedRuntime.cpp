@@ -1,6 +1,7 @@
 #include "HostedRuntime.h"
 
 #include <ostrelink/CommandHeader.h>
+#include <ostrelink/CommandType.h>
 #include <ostrelink/RuntimeFactories.h>
 
 #include <dlfcn.h>
@@ -13,7 +14,8 @@ namespace {
 
 using Native::Definitions::CommandHeader;
 
-constexpr unsigned char exceptionReplyType = 10;
+constexpr auto exceptionReplyType =
+    static_cast<unsigned char>(Native::Definitions::CommandType::ExceptionReply);
 constexpr unsigned char noRuntime = 255;
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <ostrelink/Runtime.h>
+
 namespace Ostrelink::Network::Server {
 
 // A command line that can't be used; the text says why.
@@ -14,7 +16,7 @@ public:
 
 struct ServerOptions {
     std::string runtimePath;  // empty: the JVM runtime library of this installation
-    int runtimeCode = 2;
+    int runtimeCode = static_cast<int>(Native::Definitions::Runtime::Jvm);
     std::string listenAddress = "127.0.0.1";
     unsigned short port = 0;
     std::string tlsCert;

@@ -7,6 +7,8 @@
 #include <utility>
 
 #include <ostrelink/CommandHeader.h>
+#include <ostrelink/CommandType.h>
+#include <ostrelink/Runtime.h>
 
 namespace Ostrelink::Tools::Stress {
 
@@ -14,12 +16,14 @@ namespace {
 
 using Native::Definitions::acknowledgeReply;
 using Native::Definitions::CommandHeader;
+using Native::Definitions::CommandType;
+using Native::Definitions::Runtime;
 using Bytes = std::vector<unsigned char>;
 
-constexpr unsigned char jvmRuntime = 2;
-constexpr unsigned char cppRuntime = 8;
-constexpr unsigned char heartBeatCommand = 11;
-constexpr unsigned char loadLibraryCommand = 1;
+constexpr auto jvmRuntime = static_cast<unsigned char>(Runtime::Jvm);
+constexpr auto cppRuntime = static_cast<unsigned char>(Runtime::Cpp);
+constexpr auto heartBeatCommand = static_cast<unsigned char>(CommandType::HeartBeatCommand);
+constexpr auto loadLibraryCommand = static_cast<unsigned char>(CommandType::LoadLibraryCommand);
 constexpr std::size_t keptProblems = 20;
 
 Bytes message(unsigned char target, unsigned char commandType, const std::string& payload) {

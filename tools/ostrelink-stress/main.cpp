@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 
+#include <ostrelink/Runtime.h>
 #include <ostrelink/RuntimeFactories.h>
 
 #include "DefaultJdk.h"
@@ -24,6 +25,7 @@
 #include "StressWorkload.h"
 
 using namespace Ostrelink::Tools::Stress;
+using Ostrelink::Native::Definitions::Runtime;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::CreateReceiverFn;
 using Ostrelink::Native::Interfaces::CreateTransmitterFn;
@@ -153,7 +155,8 @@ int run(const StressOptions& options) {
                                           : options.errorLogDirectory);
     auto* receiver =
         exported<CreateReceiverFn>(library, "CreateReceiver")(RuntimeOperationMode::Called);
-    receiver->Initialize(8, 2, 0);
+    receiver->Initialize(static_cast<unsigned char>(Runtime::Cpp),
+                         static_cast<unsigned char>(Runtime::Jvm), 0);
     auto* transmitter =
         exported<CreateTransmitterFn>(library, "CreateTransmitter")(RuntimeOperationMode::Called);
 
