@@ -53,10 +53,10 @@ using Ostrelink::Native::Interfaces::IReceiver;
 using Ostrelink::Runtimes::Jvm::Native::Receiver::JvmNativeReceiver;
 
 extern "C" IReceiver* CreateReceiver(RuntimeOperationMode mode) {
-    IReceiver* existing = receiver.load(std::memory_order_acquire);
+    IReceiver* published = receiver.load(std::memory_order_acquire);
     if (operationMode.load(std::memory_order_acquire) != RuntimeOperationMode::NotSet &&
-        existing != nullptr) {
-        return existing;
+        published != nullptr) {
+        return published;
     }
     // The constructor reports through the configuration and telemetry libraries.
     return withoutForeignThrowables([mode]() -> IReceiver* {
