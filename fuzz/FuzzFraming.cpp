@@ -52,6 +52,12 @@ public:
         m_written.insert(m_written.end(), data, data + size);
     }
 
+    void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
+                       std::size_t size, int timeoutMs) override {
+        writeAll(head, headSize, timeoutMs);
+        writeAll(data, size, timeoutMs);
+    }
+
     const Socket& socket() const override { return m_socket; }
 
     std::size_t consumed() const { return m_position; }
