@@ -16,9 +16,9 @@
 
 #include "channels/BareLoopback.h"
 #include "channels/TestCertificate.h"
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
-#include "support/ChildProcess.h"
 #include "support/StagedRuntime.h"
 #include "support/Summary.h"
 

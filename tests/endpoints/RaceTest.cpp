@@ -20,6 +20,7 @@
 
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "endpoints/RaceSupport.h"
 
@@ -105,13 +106,7 @@ TEST(CreatorRace, CreatorsMeetingOnAFreshProcessAgreeOnOneReceiverAndOneTransmit
 // a race exits with 66; body exits with 1 on a failure of its own.
 void inFreshChildren(void (*body)()) {
     for (int child = 0; child < 8; ++child) {
-        const pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            body();
-        }
-        int status = 0;
-        ::waitpid(pid, &status, 0);
+        const int status = runForked(body);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << "child " << child << ": status " << status;
     }

@@ -14,22 +14,12 @@
 #include <thread>
 #include <vector>
 
+#include "common/Calls.h"
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
 
 using Ostrelink::Native::Interfaces::ITransport;
-
-// The text of the std::runtime_error that the call throws; a test failure if it throws none.
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
 
 // A directory under /tmp, removed with everything in it at the end of its scope.
 class TemporaryDirectory {
@@ -120,10 +110,9 @@ public:
     static Outcome run(const std::vector<std::string>& arguments);
 
 private:
-    pid_t m_pid = -1;
-    int m_stdout = -1;
+    TemporaryDirectory m_directory;
+    std::unique_ptr<ChildProcess> m_child;
     std::string m_output;
-    std::string m_errorFile;
     unsigned short m_port = 0;
 };
 
