@@ -11,7 +11,7 @@
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
 
-#include "OutboundSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::CreateReceiverFn;
@@ -31,7 +31,7 @@ Bytes inMemoryMessage(unsigned char target, unsigned char calling, const std::st
 }
 
 ITransmitter* stagedTransmitter() {
-    return createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling);
+    return transmitterOf();
 }
 
 Bytes ask(ITransmitter* sender, const std::string& query) {
@@ -95,7 +95,7 @@ std::size_t loggedTimes(const std::string& text) {
         std::filesystem::remove_all(path);
         std::filesystem::create_directories(path);
         using SetWorkingDirectoryPathFn = int (*)(std::string);
-        stagedRuntime().get<SetWorkingDirectoryPathFn>(
+        HostLibrary::jvmRuntime().get<SetWorkingDirectoryPathFn>(
             "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(
             path.string());
         return path;
@@ -162,8 +162,7 @@ TEST(InMemory, DeployRuntimeBackToThisLibraryEndsTheChain) {
 }
 
 TEST(InMemoryFailures, CalledLibraryWithoutCreateReceiverGives014EveryTime) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_without_receiver"), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("CppWithoutReceiver");
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(failureOf([&] {
@@ -174,8 +173,7 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateReceiverGives014EveryTime) {
 }
 
 TEST(InMemoryFailures, CalledFactoryReturningNullGives015) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_null_factories"), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("CppNullFactories");
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     EXPECT_EQ(
         failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
@@ -184,8 +182,7 @@ TEST(InMemoryFailures, CalledFactoryReturningNullGives015) {
 
 // The receiver is stored before CreateTransmitter is looked for: a retry asks for no second one.
 TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoringTheReceiver) {
-    ITransmitter* sender = createTransmitter(installedRuntime("cpp_without_transmitter"),
-                                             RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("CppWithoutTransmitter");
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(failureOf([&] {
@@ -194,7 +191,7 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoring
                   reinstall("016"));
     }
     HostLibrary cppLibrary(
-        installedFile("cpp_without_transmitter", "libOstrelinkCppRuntimeNative.so"));
+        installedFile("CppWithoutTransmitter", "libOstrelinkCppRuntimeNative.so"));
     IReceiver* cppReceiver =
         cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
     Bytes query = inMemoryMessage(cpp, jvm, "factories");
@@ -206,8 +203,7 @@ TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoring
 }
 
 TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_null_transmitter"), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("CppNullTransmitter");
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     EXPECT_EQ(
         failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
@@ -219,8 +215,7 @@ TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
 class CallingHalfFailure : public testing::TestWithParam<const char*> {};
 
 TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime(GetParam()), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf(GetParam());
     Bytes check = healthCheckMessage(jvm);
     check[9] = cpp;
     EXPECT_EQ(sendAndRead(sender, check, jvm), acknowledgeBytes());
@@ -228,7 +223,7 @@ TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CallingHalfFailure,
-                         testing::Values("cpp_without_receiver", "cpp_null_factories",
-                                         "cpp_without_transmitter", "cpp_null_transmitter"));
+                         testing::Values("CppWithoutReceiver", "CppNullFactories",
+                                         "CppWithoutTransmitter", "CppNullTransmitter"));
 
 }  // namespace
