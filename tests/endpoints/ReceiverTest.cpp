@@ -11,6 +11,7 @@
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/Calls.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
 
@@ -29,13 +30,6 @@ IReceiver* createReceiver(RuntimeOperationMode mode) {
 
 IReceiver* getReceiver() {
     return HostLibrary::jvmRuntime().get<GetReceiverFn>("GetReceiver")();
-}
-
-Bytes sendAndRead(IReceiver* receiver, Bytes message) {
-    const int length = receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-    Bytes reply(static_cast<std::size_t>(length), 0);
-    EXPECT_EQ(receiver->ReadResponse(reply.data(), length), 0);
-    return reply;
 }
 
 TEST(ReceiverFactory, GetReceiverIsNullUntilCreatedThenTheSameObject) {
@@ -144,23 +138,23 @@ TEST(Receiver, SecondInitializeIsANoOpThatReturnsZero) {
     EXPECT_EQ(output.find(marker, first + 1), std::string::npos);
 }
 
-// Many threads at once: every thread reads back exactly the reply of its own command.
+// Many threads at once, each with payloads of its own, echoed by Java, between health checks:
+// every thread reads back exactly the reply to its own command.
 TEST(Receiver, RepliesNeverReachAnotherThread) {
     IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
-    constexpr int threadCount = 8;
-    constexpr int rounds = 2000;
+    ASSERT_EQ(receiver->Initialize(8, 2, 0), 0);
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&] {
-            Bytes message = healthCheckMessage();
-            for (int i = 0; i < rounds; ++i) {
-                const int length =
-                    receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-                Bytes reply(static_cast<std::size_t>(length), 0);
-                receiver->ReadResponse(reply.data(), length);
-                if (reply != acknowledgeBytes()) {
-                    ++failures;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) {
+                const Bytes echo = makeMessage(2, 5, std::to_string(t) + " " + std::to_string(i));
+                const bool check = i % 2 == 0;
+                try {
+                    const Bytes reply = sendAndRead(receiver, check ? healthCheckMessage() : echo);
+                    failures += reply == (check ? acknowledgeBytes() : echo) ? 0 : 1;
+                } catch (const std::exception&) {
+                    ++failures;  // another thread took this one's reply
                 }
             }
         });
