@@ -87,40 +87,4 @@ TEST(TransmitterFactory, NotSetBuildsATransmitterAndLeavesTheModeOpen) {
     EXPECT_TRUE(receiverComesUpAsCalled());
 }
 
-// Both creators race on a fresh process: one transmitter, and one mode for everybody.
-TEST(TransmitterFactory, RacingCreatorsAgreeOnOneTransmitterAndOneMode) {
-    constexpr int threadCount = 8;
-    std::atomic<bool> go{false};
-    std::vector<ITransmitter*> results(threadCount, nullptr);
-    std::vector<std::thread> threads;
-    auto create = HostLibrary::jvmRuntime().get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
-        "CreateTransmitter");
-    auto setMode =
-        HostLibrary::jvmRuntime().get<SetOperationModeFn>("_Z30SetOperationModeForTransmitterv");
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            while (!go.load()) {
-                std::this_thread::yield();
-            }
-            if (i % 2 == 0) {
-                results[static_cast<std::size_t>(i)] = create(RuntimeOperationMode::Called);
-            } else {
-                setMode();
-                results[static_cast<std::size_t>(i)] = getTransmitter();
-            }
-        });
-    }
-    go = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    ITransmitter* transmitter = getTransmitter();
-    ASSERT_NE(transmitter, nullptr);
-    for (ITransmitter* result : results) {
-        EXPECT_EQ(result, transmitter);
-    }
-    // A mode is set: CreateReceiver(-1) takes it instead of failing with 032.
-    EXPECT_NE(createReceiver(RuntimeOperationMode::NotSet), nullptr);
-}
-
 }  // namespace
