@@ -176,7 +176,8 @@ INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CalledHalfFailure,
                          testing::Values(std::pair{"CppWithoutReceiver", "014"},
                                          std::pair{"CppNullFactories", "015"},
                                          std::pair{"CppWithoutTransmitter", "016"},
-                                         std::pair{"CppNullTransmitter", "027"}));
+                                         std::pair{"CppNullTransmitter", "027"}),
+                         [](const auto& info) { return std::string(info.param.first); });
 
 // The receiver is stored before CreateTransmitter is looked for: a retry asks for no second one.
 TEST(InMemoryFailures, WithoutCreateTransmitterTheReceiverIsMadeOnce) {
