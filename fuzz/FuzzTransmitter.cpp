@@ -6,10 +6,13 @@
 // Input: byte 0 picks the operation and how the length is passed, byte 1 how much to shorten
 // it; the rest is the message.
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,6 +24,7 @@
 #include <ostrelink/RuntimeOperationMode.h>
 
 #include "FuzzSupport.h"
+#include "common/StageCopy.h"
 
 using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
@@ -104,12 +108,33 @@ void send(std::vector<unsigned char>& message, int length) {
     transmitter->ReadResponse(reply.data(), replyLength);
 }
 
+// The native directory of a copy of the staged tree for this process (fork mode starts many),
+// whose network client libraries only record; the copy goes when the process ends.
+std::string recordingCopy() {
+    static const struct Copy {
+        std::string directory;
+        std::string native;
+        Copy() {
+            std::string pattern = "/tmp/ostrelink-fuzz-XXXXXX";
+            directory = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
+            fuzz::check(!directory.empty(), "a temporary directory for the copy");
+            native = copyStage(directory, {},
+                               {{"libOstrelinkTcpClient.so", FUZZ_RECORDING_CLIENT},
+                                {"libOstrelinkTcpTlsClient.so", FUZZ_RECORDING_CLIENT}});
+        }
+        ~Copy() {
+            std::error_code ignored;
+            std::filesystem::remove_all(directory, ignored);
+        }
+    } copy;
+    return copy.native;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     fuzz::quietFailureReporting();
-    void* library = fuzz::openLibrary(std::string(FUZZ_RECORDING_NATIVE_DIR) +
-                                      "libOstrelinkJvmRuntimeNative.so");
+    void* library = fuzz::openLibrary(recordingCopy() + "libOstrelinkJvmRuntimeNative.so");
     fuzz::pointErrorLogNowhere(library);
     using CreateTransmitterFn = ITransmitter* (*)(RuntimeOperationMode);
     transmitter = reinterpret_cast<CreateTransmitterFn>(

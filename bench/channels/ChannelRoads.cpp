@@ -15,10 +15,10 @@
 #include <ostrelink/RuntimeFactories.h>
 
 #include "channels/BareLoopback.h"
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
 #include "common/TestCertificates.h"
-#include "support/ChildProcess.h"
 #include "support/StagedRuntime.h"
 #include "support/Summary.h"
 

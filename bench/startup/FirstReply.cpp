@@ -15,7 +15,7 @@
 #include <sstream>
 #include <string>
 
-#include "support/ChildProcess.h"
+#include "common/ChildProcess.h"
 #include "support/Summary.h"
 
 namespace {

@@ -50,22 +50,6 @@ std::string taggedPayload(std::size_t thread, std::size_t sequence) {
     return "thread " + std::to_string(thread) + " message " + std::to_string(sequence);
 }
 
-Bytes sendAndRead(IReceiver* receiver, Bytes message) {
-    const int length = receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-    Bytes reply(static_cast<std::size_t>(length), 0);
-    receiver->ReadResponse(reply.data(), length);
-    return reply;
-}
-
-Bytes sendAndRead(ITransmitter* transmitter, Bytes message) {
-    const int length = transmitter->SendCommand(message.data(), static_cast<int>(message.size()));
-    Bytes reply(static_cast<std::size_t>(length > 0 ? length : 1), 0);
-    reply[0] = message[0];
-    transmitter->ReadResponse(reply.data(), length);
-    reply.resize(static_cast<std::size_t>(length));
-    return reply;
-}
-
 IReceiver* createReceiver(RuntimeOperationMode mode) {
     return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
 }

@@ -9,7 +9,7 @@
 #include <ostrelink/ITransmitter.h>
 #include <ostrelink/RuntimeOperationMode.h>
 
-#include "common/Messages.h"
+#include "common/Calls.h"
 
 // Lets a group of threads leave together, so that their first calls meet.
 class StartLine {
@@ -31,11 +31,6 @@ void quietFailures(const std::string& logDirectory = "/nonexistent/ostrelink-rac
 
 // A payload that names its thread and sequence number, so that a reply that went astray shows.
 std::string taggedPayload(std::size_t thread, std::size_t sequence);
-
-// Sends message and reads the whole reply on this thread. For a transmitter, the buffer's first
-// byte carries the runtime to read from, as the Java side puts it there.
-Bytes sendAndRead(Ostrelink::Native::Interfaces::IReceiver* receiver, Bytes message);
-Bytes sendAndRead(Ostrelink::Native::Interfaces::ITransmitter* transmitter, Bytes message);
 
 Ostrelink::Native::Interfaces::IReceiver* createReceiver(
     Ostrelink::Native::Definitions::RuntimeOperationMode mode);

@@ -20,6 +20,7 @@
 
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "endpoints/RaceSupport.h"
 
@@ -36,12 +37,7 @@ constexpr unsigned char cppRuntime = 8;
 constexpr unsigned char missingRuntime = 5;
 
 bool throwsWith(const std::function<void()>& call, const std::string& text) {
-    try {
-        call();
-    } catch (const std::exception& exception) {
-        return std::string(exception.what()).find(text) != std::string::npos;
-    }
-    return false;
+    return failureOf(call).find(text) != std::string::npos;
 }
 
 // A directory with two jars, removed at the end of the test.
@@ -105,13 +101,7 @@ TEST(CreatorRace, CreatorsMeetingOnAFreshProcessAgreeOnOneReceiverAndOneTransmit
 // a race exits with 66; body exits with 1 on a failure of its own.
 void inFreshChildren(void (*body)()) {
     for (int child = 0; child < 8; ++child) {
-        const pid_t pid = ::fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            body();
-        }
-        int status = 0;
-        ::waitpid(pid, &status, 0);
+        const int status = runForked(body);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << "child " << child << ": status " << status;
     }
@@ -269,7 +259,7 @@ TEST(TransmitterRace, ConcurrentSendersInMemoryEachReadTheirOwnReplies) {
                                       ? healthCheckMessage(jvmRuntime)
                                       : makeMessage(cppRuntime, 0, taggedPayload(thread, sequence));
             const Bytes expected = sequence % 3 == 0 ? acknowledgeBytes() : message;
-            if (sendAndRead(transmitter, message) != expected) {
+            if (sendAndRead(transmitter, message, message[0]) != expected) {
                 ++wrong;
             }
         }
@@ -283,13 +273,14 @@ TEST(InMemoryChannelRace, FirstMessagesMeetingOnAFreshChannelInitializeTheRuntim
     std::atomic<int> wrong{0};
     runTogether(16, [&](std::size_t thread) {
         const Bytes message = makeMessage(cppRuntime, 0, taggedPayload(thread, 0));
-        if (sendAndRead(transmitter, message) != message) {
+        if (sendAndRead(transmitter, message, message[0]) != message) {
             ++wrong;
         }
     });
     EXPECT_EQ(wrong.load(), 0);
     // The stand-in counts the Initialize calls its receiver got; the channel made it once.
-    const Bytes runtimes = sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"));
+    const Bytes runtimes =
+        sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), cppRuntime);
     ASSERT_EQ(runtimes.size(), 15U);
     EXPECT_EQ(runtimes[11], cppRuntime);  // calling
     EXPECT_EQ(runtimes[12], cppRuntime);  // called
@@ -302,13 +293,13 @@ TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChan
     std::atomic<int> unclear{0};
     runTogether(16, [&](std::size_t thread) {
         Bytes message = makeMessage(missingRuntime, 0, taggedPayload(thread, 0));
-        if (!throwsWith([&] { sendAndRead(transmitter, message); }, "Cannot load")) {
+        if (!throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "Cannot load")) {
             ++unclear;
         }
     });
     EXPECT_EQ(unclear.load(), 0);
     const Bytes message = makeMessage(cppRuntime, 0, "after");
-    EXPECT_EQ(sendAndRead(transmitter, message), message);
+    EXPECT_EQ(sendAndRead(transmitter, message, cppRuntime), message);
 }
 
 // Messages to a runtime that is not installed go past Initialize's early return and store their
@@ -360,7 +351,7 @@ TEST(NetworkChannelRace, ReadsOfAThreadThatNeverSentMeetTheFirstInitializeOfNewC
             for (unsigned char host = 1; host <= 100; ++host) {
                 Bytes message = makeMessage(jvmRuntime, 0, "x");
                 setRoute(message, 1, {127, 0, 0, host}, 1);
-                throwsWith([&] { sendAndRead(transmitter, message); }, "");
+                throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "");
             }
             sending = false;
             return;
@@ -389,7 +380,7 @@ void firstTcpMessagesFromManyThreads() {
     runTogether(24, [&](std::size_t thread) {
         Bytes message = makeMessage(jvmRuntime, 0, taggedPayload(thread, 0));
         setRoute(message, 1, {127, 0, 0, static_cast<unsigned char>(thread + 1)}, 1);
-        if (!throwsWith([&] { sendAndRead(transmitter, message); }, "127.0.0.")) {
+        if (!throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "127.0.0.")) {
             ++unclear;
         }
     });

@@ -11,9 +11,12 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+
+#include "common/ChildProcess.h"
 
 namespace fs = std::filesystem;
 
@@ -98,41 +101,13 @@ std::vector<std::string> lines(const std::string& content) {
 
 ChildResult runChild(const std::vector<std::string>& argv, const std::string& workingDirectory,
                      const std::map<std::string, std::string>& environment) {
-    const std::string outPath = workingDirectory + "/child.out";
-    const std::string errPath = workingDirectory + "/child.err";
-    const pid_t child = fork();
-    if (child < 0) {
-        throw std::runtime_error("fork failed");
+    std::map<std::string, std::optional<std::string>> changes;
+    for (const auto& [name, value] : environment) {
+        changes[name] = value.empty() ? std::nullopt : std::optional<std::string>(value);
     }
-    if (child == 0) {
-        const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 ||
-            chdir(workingDirectory.c_str()) != 0) {
-            _exit(126);
-        }
-        for (const auto& [name, value] : environment) {
-            if (value.empty()) {
-                unsetenv(name.c_str());
-            } else {
-                setenv(name.c_str(), value.c_str(), 1);
-            }
-        }
-        std::vector<char*> arguments;
-        for (const std::string& argument : argv) {
-            arguments.push_back(const_cast<char*>(argument.c_str()));
-        }
-        arguments.push_back(nullptr);
-        execv(arguments[0], arguments.data());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ChildResult result;
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+    const ChildRun run =
+        ::runChild(argv[0], {argv.begin() + 1, argv.end()}, changes, workingDirectory);
+    return {run.status, run.out, run.err};
 }
 
 }  // namespace EntryTest

@@ -12,6 +12,7 @@
 #include <ostrelink/RuntimeFactories.h>
 
 #include "common/HostLibrary.h"
+#include "common/StageCopy.h"
 
 namespace fs = std::filesystem;
 
@@ -31,9 +32,8 @@ std::string testJar(const std::string& name) {
 
 InstallationCopy::InstallationCopy(const std::string& runtimeJar,
                                    const std::string& directoryPrefix)
-    : m_root(makeTemporaryDirectory(directoryPrefix)) {
-    fs::copy(fs::path(OSTRELINK_STAGE_DIR) / "Binaries", fs::path(m_root) / "Binaries",
-             fs::copy_options::recursive);
+    : m_root(makeTemporaryDirectory(directoryPrefix) + "/stage") {
+    copyStage(fs::path(m_root).parent_path());
     fs::copy_file(runtimeJar, fs::path(m_root) / "Binaries/Jvm/OstrelinkJvmRuntime.jar",
                   fs::copy_options::overwrite_existing);
 }
@@ -41,7 +41,7 @@ InstallationCopy::InstallationCopy(const std::string& runtimeJar,
 // The library stays mapped; its file may go.
 InstallationCopy::~InstallationCopy() {
     std::error_code ignored;
-    fs::remove_all(m_root, ignored);
+    fs::remove_all(fs::path(m_root).parent_path(), ignored);
 }
 
 std::string InstallationCopy::libraryPath() const {

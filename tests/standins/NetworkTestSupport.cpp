@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -28,53 +30,20 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
-// The command line of the server, built before fork: the child only redirects and execs, since
-// allocating after fork in a process with threads can deadlock.
-class CommandLine {
-public:
-    explicit CommandLine(const std::vector<std::string>& arguments) : m_strings(arguments) {
-        m_strings.insert(m_strings.begin(), ServerProcess::executable());
-        for (std::string& text : m_strings) {
-            m_argv.push_back(text.data());
-        }
-        m_argv.push_back(nullptr);
-    }
-    // Exits 127 if exec fails, so the parent sees a clear status.
-    [[noreturn]] void exec() {
-        ::execv(m_argv[0], m_argv.data());
-        ::_exit(127);
-    }
-
-private:
-    std::vector<std::string> m_strings;
-    std::vector<char*> m_argv;
-};
-
-int waitBounded(pid_t pid, std::chrono::milliseconds limit) {
-    const auto deadline = Clock::now() + limit;
-    int status = 0;
-    while (Clock::now() < deadline) {
-        if (::waitpid(pid, &status, WNOHANG) == pid) {
-            return status;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-    return status;
-}
-
-std::string temporaryFile() {
-    char name[] = "/tmp/ostrelink-server-output-XXXXXX";
-    const int fd = ::mkstemp(name);
-    if (fd < 0) {
-        throw std::runtime_error("mkstemp failed");
-    }
-    ::close(fd);
-    return name;
-}
-
 }  // namespace
+
+TemporaryDirectory::TemporaryDirectory() {
+    char name[] = "/tmp/ostrelink-network-test-XXXXXX";
+    if (::mkdtemp(name) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
+    m_path = name;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+}
 
 TestPeer::TestPeer(Handler handler) {
     m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -193,71 +162,42 @@ std::string ServerProcess::executable() {
     return std::string(OSTRELINK_STAGE_DIR) + "/bin/ostrelink-server";
 }
 
-ServerProcess::ServerProcess(const std::vector<std::string>& arguments)
-    : m_errorFile(temporaryFile()) {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    CommandLine commandLine(arguments);
-    m_pid = ::fork();
-    if (m_pid == 0) {
-        ::dup2(pipeFds[1], STDOUT_FILENO);
-        const int errorFd = ::open(m_errorFile.c_str(), O_WRONLY | O_TRUNC);
-        ::dup2(errorFd, STDERR_FILENO);
-        commandLine.exec();
-    }
-    ::close(pipeFds[1]);
-    m_stdout = pipeFds[0];
+ServerProcess::ServerProcess(const std::vector<std::string>& arguments) {
+    ChildProcess::Options options;
+    options.captureStdout = true;
+    options.errorFile = m_directory.file("err");
+    m_child = std::make_unique<ChildProcess>(executable(), arguments, options);
     const auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (Clock::now() < deadline) {
-        const auto marker = m_output.find("listening on ");
-        const auto end = marker == std::string::npos ? marker : m_output.find('\n', marker);
-        if (end != std::string::npos) {
-            const std::string line = m_output.substr(marker, end - marker);
-            m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
-            return;
+    try {
+        while (m_port == 0) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            const std::string line =
+                m_child->readLine(static_cast<int>(std::max<long>(left.count(), 0)));
+            m_output += line + "\n";
+            if (line.find("listening on ") != std::string::npos) {
+                m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
+            }
         }
-        pollfd entry{m_stdout, POLLIN, 0};
-        if (::poll(&entry, 1, 100) <= 0) {
-            continue;
-        }
-        char buffer[4096];
-        const ssize_t got = ::read(m_stdout, buffer, sizeof(buffer));
-        if (got <= 0) {
-            break;
-        }
-        m_output.append(buffer, static_cast<std::size_t>(got));
+    } catch (const std::runtime_error&) {
+        const int status = stop();
+        throw std::runtime_error("ostrelink-server did not start (status " +
+                                 std::to_string(status) + "): " + standardError());
     }
-    const int status = stop();
-    throw std::runtime_error("ostrelink-server did not start (status " + std::to_string(status) +
-                             "): " + standardError());
 }
 
-ServerProcess::~ServerProcess() {
-    stop();
-    if (m_stdout >= 0) {
-        ::close(m_stdout);
-    }
-    ::unlink(m_errorFile.c_str());
-}
+ServerProcess::~ServerProcess() = default;
 
 int ServerProcess::stop() {
-    if (m_pid <= 0) {
-        return -1;
-    }
-    ::kill(m_pid, SIGTERM);
-    const int status = waitBounded(m_pid, std::chrono::seconds(10));
-    m_pid = -1;
-    return status;
+    return m_child->stop();
 }
 
 void ServerProcess::terminate() const {
-    ::kill(m_pid, SIGTERM);
+    ::kill(m_child->pid(), SIGTERM);
 }
 
 long ServerProcess::residentKiB() const {
-    std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+    std::ifstream status("/proc/" + std::to_string(m_child->pid()) + "/status");
     std::string key;
     while (status >> key) {
         long value = 0;
@@ -269,40 +209,23 @@ long ServerProcess::residentKiB() const {
 }
 
 std::string ServerProcess::standardError() const {
-    return readFile(m_errorFile);
+    return readFile(m_directory.file("err"));
 }
 
 std::string ServerProcess::standardOutput() {
-    char buffer[4096];
-    pollfd entry{m_stdout, POLLIN, 0};
-    while (::poll(&entry, 1, 0) > 0) {
-        const ssize_t got = ::read(m_stdout, buffer, sizeof(buffer));
-        if (got <= 0) {
-            break;
+    try {
+        for (;;) {
+            m_output += m_child->readLine(0) + "\n";
         }
-        m_output.append(buffer, static_cast<std::size_t>(got));
+    } catch (const std::runtime_error&) {
     }
     return m_output;
 }
 
 ServerProcess::Outcome ServerProcess::run(const std::vector<std::string>& arguments) {
-    const std::string outputFile = temporaryFile();
-    const std::string errorFile = temporaryFile();
-    CommandLine commandLine(arguments);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        const int outputFd = ::open(outputFile.c_str(), O_WRONLY | O_TRUNC);
-        const int errorFd = ::open(errorFile.c_str(), O_WRONLY | O_TRUNC);
-        ::dup2(outputFd, STDOUT_FILENO);
-        ::dup2(errorFd, STDERR_FILENO);
-        commandLine.exec();
-    }
-    const int status = waitBounded(pid, std::chrono::seconds(20));
-    Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(outputFile),
-                    readFile(errorFile)};
-    ::unlink(outputFile.c_str());
-    ::unlink(errorFile.c_str());
-    return outcome;
+    const TemporaryDirectory directory;
+    const ChildRun run = runChild(executable(), arguments, {}, directory.path());
+    return {run.status, run.out, run.err};
 }
 
 ClientLibrary::ClientLibrary(const std::string& name) : m_library(HostLibrary::stagedPath(name)) {}

@@ -14,23 +14,28 @@
 #include <thread>
 #include <vector>
 
+#include "common/Calls.h"
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
 #include "common/TestCertificates.h"
 
 using Ostrelink::Native::Interfaces::ITransport;
 
-// The text of the std::runtime_error that the call throws; a test failure if it throws none.
-template <typename Call>
-std::string failureOf(Call call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "no exception";
-    return {};
-}
+// A directory under /tmp, removed with everything in it at the end of its scope.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
 
 // A tiny TCP peer on 127.0.0.1 for misbehaving on purpose. Each accepted connection runs the
 // handler on a thread of its own with a blocking socket (5 s time-outs), and is closed when the
@@ -94,10 +99,9 @@ public:
     static Outcome run(const std::vector<std::string>& arguments);
 
 private:
-    pid_t m_pid = -1;
-    int m_stdout = -1;
+    TemporaryDirectory m_directory;
+    std::unique_ptr<ChildProcess> m_child;
     std::string m_output;
-    std::string m_errorFile;
     unsigned short m_port = 0;
 };
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "ToolProcess.h"
+#include "common/ChildProcess.h"
 #include "common/StageCopy.h"
 
 using testing::AllOf;
@@ -75,15 +75,15 @@ protected:
 
     void TearDown() override { fs::remove_all(directory); }
 
-    ToolRun run(const std::vector<std::string>& arguments,
-                std::map<std::string, std::optional<std::string>> changes = {},
-                const std::string& tool = HOST_TOOL) {
+    ChildRun run(const std::vector<std::string>& arguments,
+                 std::map<std::string, std::optional<std::string>> changes = {},
+                 const std::string& tool = HOST_TOOL) {
         changes.emplace("JAVA_HOME", HOST_JAVA_HOME);
         changes.emplace("OSTRELINK_JVM_RUNTIME_PATH", std::nullopt);
         changes.emplace("OSTRELINK_DEBUG_MODE", std::nullopt);
         changes.emplace("OSTRELINK_LOGGING_LEVEL", std::nullopt);
         changes.emplace("OSTRELINK_JVM_OPTIONS", std::nullopt);
-        return ToolProcess::run(tool, arguments, changes, directory.string());
+        return runChild(tool, arguments, changes, directory.string());
     }
 
     // A directory for PATH that holds only a link named java to the JDK's launcher.
@@ -98,7 +98,7 @@ protected:
 };
 
 TEST_F(HostTool, HelpNamesEveryCommandAndVariableWithoutOpeningTheLibrary) {
-    const ToolRun help = run({"--library", "/no/such/library.so", "--help"});
+    const ChildRun help = run({"--library", "/no/such/library.so", "--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* word : {"health", "load PATH", "call CLASS METHOD", "echo TEXT", "info",
                              "doctor", "--library PATH", "JAVA_HOME", "OSTRELINK_JVM_RUNTIME_PATH",
@@ -123,7 +123,7 @@ TEST_F(HostTool, CommandLinesThatCantRunExitWithTwoBeforeAnythingStarts) {
          "more; give load before the first call, echo or info"},
     };
     for (const auto& [arguments, text] : cases) {
-        const ToolRun refused = run(arguments);
+        const ChildRun refused = run(arguments);
         EXPECT_EQ(refused.status, 2) << text;
         EXPECT_EQ(ownLines(refused.err),
                   "ostrelink-host: " + text + "\nTry 'ostrelink-host --help'.\n");
@@ -132,8 +132,8 @@ TEST_F(HostTool, CommandLinesThatCantRunExitWithTwoBeforeAnythingStarts) {
 }
 
 TEST_F(HostTool, CommandsRunInOrderAndPrintOneResultLineEach) {
-    const ToolRun done = run({"health", "echo", "two words", "call", "java.lang.System",
-                              "getProperty", "java.version", "info"});
+    const ChildRun done = run({"health", "echo", "two words", "call", "java.lang.System",
+                               "getProperty", "java.version", "info"});
     ASSERT_EQ(done.status, 0) << done.err;
     const std::vector<std::string> expected = {"health: ok", "echo: two words",
                                                "call: " + jdkVersion(), "info:"};
@@ -145,8 +145,8 @@ TEST_F(HostTool, CommandsRunInOrderAndPrintOneResultLineEach) {
 }
 
 TEST_F(HostTool, LoadedJarsAreOnTheClassPathOfTheCall) {
-    const ToolRun done = run({"load", HOST_TARGETS_JAR, "call", targets, "join", "a", "b", "call",
-                              targets, "greeting", "call", targets, "join", "--", "info", "echo"});
+    const ChildRun done = run({"load", HOST_TARGETS_JAR, "call", targets, "join", "a", "b", "call",
+                               targets, "greeting", "call", targets, "join", "--", "info", "echo"});
     ASSERT_EQ(done.status, 0) << done.err;
     const std::vector<std::string> expected = {"load: " HOST_TARGETS_JAR, "call: a+b",
                                                "call: hello", "call: info+echo"};
@@ -154,20 +154,20 @@ TEST_F(HostTool, LoadedJarsAreOnTheClassPathOfTheCall) {
 }
 
 TEST_F(HostTool, AJavaFailureEndsTheRunWithTheExceptionOnStandardError) {
-    const ToolRun missing = run({"health", "call", "no.such.Type", "m", "echo", "never"});
+    const ChildRun missing = run({"health", "call", "no.such.Type", "m", "echo", "never"});
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(resultLines(missing.out), std::vector<std::string>{"health: ok"});
     EXPECT_THAT(missing.err, HasSubstr("ostrelink-host: java.lang.ClassNotFoundException: "
                                        "no.such.Type\n"));
 
-    const ToolRun thrown = run({"load", HOST_TARGETS_JAR, "call", targets, "fail", "x"});
+    const ChildRun thrown = run({"load", HOST_TARGETS_JAR, "call", targets, "fail", "x"});
     EXPECT_EQ(thrown.status, 1);
     EXPECT_THAT(thrown.err, HasSubstr("ostrelink-host: java.lang.IllegalStateException: broken "
                                       "on purpose: x\n"));
 }
 
 TEST_F(HostTool, ALibraryFailurePrintsTheLibrarysOwnText) {
-    const ToolRun missing = run({"load", "/no/such.jar", "health"});
+    const ChildRun missing = run({"load", "/no/such.jar", "health"});
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 004. \n"
                                        "Cannot find file: /no/such.jar\n"));
@@ -176,7 +176,7 @@ TEST_F(HostTool, ALibraryFailurePrintsTheLibrarysOwnText) {
 
 TEST_F(HostTool, AJavaHomeWithoutJvmGivesCode002) {
     fs::create_directories(directory / "empty");
-    const ToolRun done =
+    const ChildRun done =
         run({"health"}, {{"JAVA_HOME", (directory / "empty").string()}, {"PATH", "/nonexistent"}});
     EXPECT_EQ(done.status, 1);
     EXPECT_THAT(done.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 002. \nCheck "
@@ -186,7 +186,7 @@ TEST_F(HostTool, AJavaHomeWithoutJvmGivesCode002) {
 }
 
 TEST_F(HostTool, NoJavaHomeAndNoJavaOnPathGivesCode001) {
-    const ToolRun done = run({"health"}, {{"JAVA_HOME", std::nullopt}, {"PATH", "/nonexistent"}});
+    const ChildRun done = run({"health"}, {{"JAVA_HOME", std::nullopt}, {"PATH", "/nonexistent"}});
     EXPECT_EQ(done.status, 1);
     EXPECT_THAT(done.err, HasSubstr("ostrelink-host: JVM Launcher: Exception code 001. \nSet "
                                     "JAVA_HOME environment variable"));
@@ -202,7 +202,7 @@ TEST_F(HostTool, WithoutJavaHomeTheJdkOfJavaOnPathIsUsedThroughItsLinks) {
     };
     for (const auto& [tool, arguments] : tools) {
         for (const std::optional<std::string>& javaHome : {std::optional<std::string>(), {""}}) {
-            const ToolRun done = ToolProcess::run(
+            const ChildRun done = runChild(
                 tool, arguments, {{"JAVA_HOME", javaHome}, {"PATH", path}}, directory.string());
             ASSERT_EQ(done.status, 0) << tool << "\n" << done.err;
             const std::string name = fs::path(tool).filename().string();
@@ -219,10 +219,10 @@ TEST_F(HostTool, WithoutJavaHomeTheJdkOfJavaOnPathIsUsedThroughItsLinks) {
 
 TEST_F(HostTool, ARuntimePathOfItsOwnLeavesTheSearchToTheLibrary) {
     const std::string jvm = std::string(HOST_JAVA_HOME) + "/lib/server/libjvm.so";
-    const ToolRun done = run({"health", "call", "java.lang.System", "getProperty", "java.version"},
-                             {{"JAVA_HOME", std::nullopt},
-                              {"OSTRELINK_JVM_RUNTIME_PATH", jvm},
-                              {"PATH", pathWithJavaLink()}});
+    const ChildRun done = run({"health", "call", "java.lang.System", "getProperty", "java.version"},
+                              {{"JAVA_HOME", std::nullopt},
+                               {"OSTRELINK_JVM_RUNTIME_PATH", jvm},
+                               {"PATH", pathWithJavaLink()}});
     ASSERT_EQ(done.status, 0) << done.err;
     EXPECT_EQ(ownLines(done.err), "");
     EXPECT_THAT(done.err,
@@ -232,7 +232,7 @@ TEST_F(HostTool, ARuntimePathOfItsOwnLeavesTheSearchToTheLibrary) {
 }
 
 TEST_F(HostTool, StandardOutputHoldsTheResultsOnlyAndTheLibrarysLinesGoToStandardError) {
-    const ToolRun done = run({"call", "java.lang.System", "getProperty", "java.version"});
+    const ChildRun done = run({"call", "java.lang.System", "getProperty", "java.version"});
     ASSERT_EQ(done.status, 0) << done.err;
     EXPECT_EQ(done.out, "call: " + jdkVersion() + "\n");
     EXPECT_THAT(done.err, HasSubstr("JVM Native Launcher Runtime Info"));
@@ -240,23 +240,23 @@ TEST_F(HostTool, StandardOutputHoldsTheResultsOnlyAndTheLibrarysLinesGoToStandar
 
 TEST_F(HostTool, TheLibraryOptionOpensThatFileOrSaysWhyNot) {
     const fs::path staged = fs::path(OSTRELINK_NATIVE_DIR) / "libOstrelinkJvmRuntimeNative.so";
-    const ToolRun named = run({"--library", staged.string(), "health"});
+    const ChildRun named = run({"--library", staged.string(), "health"});
     EXPECT_EQ(named.status, 0) << named.err;
 
-    const ToolRun missing = run({"--library", "/no/such/library.so", "health"});
+    const ChildRun missing = run({"--library", "/no/such/library.so", "health"});
     EXPECT_EQ(missing.status, 1);
     EXPECT_THAT(missing.err,
                 HasSubstr("ostrelink-host: cannot open the runtime library /no/such/library.so: "));
 
     const fs::path other = staged.parent_path() / "libConfigs.so";
-    const ToolRun wrong = run({"--library", other.string(), "health"});
+    const ChildRun wrong = run({"--library", other.string(), "health"});
     EXPECT_EQ(wrong.status, 1);
     EXPECT_EQ(ownLines(wrong.err), "ostrelink-host: the runtime library " + other.string() +
                                        " does not export CreateReceiver\n");
 }
 
 TEST_F(HostTool, TheDoctorPassesOnTheStagedTreeWithALineForEachCheck) {
-    const ToolRun done = run({"doctor"});
+    const ChildRun done = run({"doctor"});
     ASSERT_EQ(done.status, 0) << done.out << done.err;
     for (const std::string& line : std::vector<std::string>{
              "JVM source: JAVA_HOME = " HOST_JAVA_HOME "\n",
@@ -298,7 +298,7 @@ TEST_F(HostTool, TheDoctorStopsAtTheFirstProblemWithWhatToDo) {
          "reinstall"},
     };
     for (const auto& [environment, tool, problem, fix] : cases) {
-        const ToolRun done = run({"doctor"}, environment, tool);
+        const ChildRun done = run({"doctor"}, environment, tool);
         EXPECT_EQ(done.status, 1) << problem;
         EXPECT_THAT(done.out, AllOf(HasSubstr("doctor: problem: "), HasSubstr(problem),
                                     HasSubstr("doctor: fix: "), HasSubstr(fix),

@@ -6,14 +6,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <exception>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 // The library's own headers, not the installed copies: the two must not meet in one unit.
 #include "common/Calls.h"
-#include "common/HostLibrary.h"
+#include "common/StageCopy.h"
 #include "contracts/RuntimeFactories.h"
 #include "transport/TransportInMemory.h"
 #include "transport/TransportNetwork.h"
@@ -33,8 +37,8 @@ constexpr unsigned char jvm = 2;
 constexpr unsigned char cpp = 8;
 
 std::string cppPath() {
-    return std::string(OUTBOUND_INSTALLS_DIR) + "unit/" + OUTBOUND_NATIVE_SUBDIR +
-           "libOstrelinkCppRuntimeNative.so";
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().string() +
+           "/libOstrelinkCppRuntimeNative.so";
 }
 
 // A message of 24 + query bytes: header, zeros, then the query as payloadText.
@@ -55,11 +59,7 @@ bool cppLoaded() {
 }
 
 Bytes ask(TransportInMemory& channel, const std::string& query) {
-    Bytes request = message(cpp, query);
-    const int length = channel.SendCommand(request.data(), static_cast<int>(request.size()));
-    Bytes reply(static_cast<std::size_t>(length), cpp);
-    channel.ReadResponse(reply.data(), length);
-    return payloadOf(reply);
+    return payloadOf(sendAndRead(&channel, message(cpp, query), cpp));
 }
 
 TEST(ChannelUnit, HeartBeatToTheCalledRuntimeCarriesTheVersion) {
@@ -106,22 +106,23 @@ TEST(ChannelUnit, SetEmbeddedRuntimeGoesToTheCalledRuntimeWithItsVersion) {
 }
 
 // The channel's objects are the sibling library's own singletons: destroying the channel must
-// leave them, and the library, alive for whoever else holds them.
+// leave them, and the library, alive for whoever else holds them. The test holds no handle of
+// its own, so only the channel's keeps the library loaded.
 TEST(ChannelUnit, DestroyingTheChannelLeavesTheSiblingsObjectsAlive) {
-    HostLibrary cppLibrary(cppPath());
-    IReceiver* cppReceiver =
-        cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
+    IReceiver* cppReceiver = nullptr;
     {
         TransportInMemory channel;
         channel.Initialize(jvm, cpp, 0);
         EXPECT_EQ(ask(channel, "runtimes"), (Bytes{jvm, cpp, 0, 1}));
+        void* loaded = dlopen(cppPath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+        ASSERT_NE(loaded, nullptr);
+        cppReceiver = reinterpret_cast<CreateReceiverFn>(dlsym(loaded, "CreateReceiver"))(
+            RuntimeOperationMode::Called);
+        dlclose(loaded);
     }
-    EXPECT_TRUE(cppLoaded());
-    Bytes query = message(cpp, "runtimes");
-    const int length = cppReceiver->SendCommand(query.data(), static_cast<int>(query.size()));
-    Bytes reply(static_cast<std::size_t>(length), 0);
-    cppReceiver->ReadResponse(reply.data(), length);
-    EXPECT_EQ(payloadOf(reply), (Bytes{jvm, cpp, 0, 1}));
+    ASSERT_TRUE(cppLoaded());
+    EXPECT_EQ(payloadOf(sendAndRead(cppReceiver, message(cpp, "runtimes"))),
+              (Bytes{jvm, cpp, 0, 1}));
 }
 
 TEST(ChannelUnit, NetworkChannelBeforeInitializeGives013AndLoadsNothing) {
@@ -137,3 +138,26 @@ TEST(ChannelUnit, NetworkChannelBeforeInitializeGives013AndLoadsNothing) {
 }
 
 }  // namespace
+
+// The channel finds its siblings beside its own file, here this executable: the test runs from
+// the native directory of a copy of the staged tree made for this process, and removes it.
+int main(int argc, char** argv) {
+    const char* copy = std::getenv("CHANNEL_UNIT_COPY");
+    if (copy == nullptr) {
+        std::string directory = std::filesystem::temp_directory_path() / "channel-unit-XXXXXX";
+        if (mkdtemp(directory.data()) == nullptr) {
+            return 1;
+        }
+        const std::string self =
+            copyStage(directory, {}, {{"channel_unit_tests", "/proc/self/exe"}}) +
+            "channel_unit_tests";
+        setenv("CHANNEL_UNIT_COPY", directory.c_str(), 1);
+        argv[0] = const_cast<char*>(self.c_str());  // dladdr names the program by its argv[0]
+        execv(self.c_str(), argv);
+        return 127;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    std::filesystem::remove_all(copy);
+    return status;
+}

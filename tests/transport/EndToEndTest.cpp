@@ -1,27 +1,21 @@
 // The whole network road: this host, this library's transmitter, the TCP or TLS client library,
 // ostrelink-server in a process of its own, this library again inside the server, Java, and back.
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <stdexcept>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "OutboundSupport.h"
-
-extern char** environ;
+#include "NetworkTestSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::ITransmitter;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -29,81 +23,8 @@ constexpr unsigned char jvm = 2;
 constexpr unsigned char cpp = 8;
 constexpr unsigned char local[4] = {127, 0, 0, 1};
 
-// ostrelink-server on 127.0.0.1 and a port of the system's choice, stopped with SIGTERM when the
-// test ends.
-class ServerProcess {
-public:
-    explicit ServerProcess(std::vector<std::string> options) {
-        std::vector<std::string> arguments{OUTBOUND_SERVER, "--port", "0"};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        std::vector<char*> argv;
-        for (auto& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-
-        int output[2];
-        if (pipe(output) != 0) {
-            throw std::runtime_error("pipe failed");
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, output[0]);
-        const int spawned =
-            posix_spawn(&m_pid, OUTBOUND_SERVER, &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(output[1]);
-        m_output = output[0];
-        if (spawned != 0) {
-            close(m_output);
-            throw std::runtime_error("cannot start " + std::string(OUTBOUND_SERVER));
-        }
-        m_port = awaitListening();
-    }
-    ~ServerProcess() {
-        kill(m_pid, SIGTERM);
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        close(m_output);
-    }
-    ServerProcess(const ServerProcess&) = delete;
-    ServerProcess& operator=(const ServerProcess&) = delete;
-
-    unsigned short port() const { return m_port; }
-
-private:
-    // Reads the server's output up to "listening on 127.0.0.1:<port>" and returns the port.
-    unsigned short awaitListening() {
-        const std::string marker = "listening on 127.0.0.1:";
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        std::string text;
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd ready{m_output, POLLIN, 0};
-            if (poll(&ready, 1, 1000) <= 0) {
-                continue;
-            }
-            char chunk[512];
-            const ssize_t count = read(m_output, chunk, sizeof(chunk));
-            if (count <= 0) {
-                break;
-            }
-            text.append(chunk, static_cast<std::size_t>(count));
-            const auto at = text.find(marker);
-            if (at != std::string::npos && text.find('\n', at) != std::string::npos) {
-                return static_cast<unsigned short>(std::stoi(text.substr(at + marker.size())));
-            }
-        }
-        throw std::runtime_error("ostrelink-server did not start listening:\n" + text);
-    }
-
-    pid_t m_pid = -1;
-    int m_output = -1;
-    unsigned short m_port = 0;
-};
-
 ITransmitter* transmitter() {
-    return createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling);
+    return transmitterOf();
 }
 
 // An ordinary command, which the server's JVM answers in Java.
@@ -155,29 +76,30 @@ void roundTrips(unsigned char connectionType, unsigned short port) {
 }
 
 TEST(EndToEnd, TcpToTheServersJvmAndBack) {
-    ServerProcess server({});
+    ServerProcess server({"--port", "0"});
     roundTrips(1, server.port());
 }
 
 TEST(EndToEnd, TlsToTheServersJvmAndBack) {
-    ServerProcess server({"--tls-cert", OUTBOUND_TLS_CERT, "--tls-key", OUTBOUND_TLS_KEY});
+    const TestCertificates certificates;
+    setenv("OSTRELINK_TLS_CA_FILE", certificates.caCert.c_str(), 1);
+    ServerProcess server({"--port", "0", "--tls-cert", certificates.serverCert, "--tls-key",
+                          certificates.serverKey});
     roundTrips(2, server.port());
 }
 
 // Nobody listens: the client library's failure reaches the sender as it is, and the channel
 // stays for the next attempt.
 TEST(EndToEnd, RefusedConnectionReachesTheSender) {
-    unsigned short port = 0;
-    {
-        ServerProcess server({});
-        port = server.port();
-    }
+    const unsigned short port = unusedPort();
     ITransmitter* sender = transmitter();
     Bytes message = javaCommand(1, port, "nobody there");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_FALSE(failureOf([&] {
-                         sender->SendCommand(message.data(), static_cast<int>(message.size()));
-                     }).empty());
+        const std::string text = failureOf(
+            [&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
+        EXPECT_THAT(text, StartsWith("Ostrelink TCP client 127.0.0.1:" + std::to_string(port) +
+                                     ": cannot connect: "));
+        EXPECT_THAT(text, HasSubstr("refused"));
     }
 }
 

@@ -11,7 +11,7 @@
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
 
-#include "OutboundSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::CreateReceiverFn;
@@ -31,16 +31,11 @@ Bytes inMemoryMessage(unsigned char target, unsigned char calling, const std::st
 }
 
 ITransmitter* stagedTransmitter() {
-    return createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling);
+    return transmitterOf();
 }
 
 Bytes ask(ITransmitter* sender, const std::string& query) {
     return payloadOf(sendAndRead(sender, inMemoryMessage(cpp, jvm, query), cpp));
-}
-
-std::string reinstall(const char* code) {
-    return std::string("Ostrelink Native Exception: Exception code ") + code +
-           ". \nReinstall Ostrelink package";
 }
 
 TEST(InMemory, DeliversToTheCppRuntimeAndBackOnceSetUp) {
@@ -95,7 +90,7 @@ std::size_t loggedTimes(const std::string& text) {
         std::filesystem::remove_all(path);
         std::filesystem::create_directories(path);
         using SetWorkingDirectoryPathFn = int (*)(std::string);
-        stagedRuntime().get<SetWorkingDirectoryPathFn>(
+        HostLibrary::jvmRuntime().get<SetWorkingDirectoryPathFn>(
             "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(
             path.string());
         return path;
@@ -161,57 +156,43 @@ TEST(InMemory, DeployRuntimeBackToThisLibraryEndsTheChain) {
     EXPECT_EQ(sendAndRead(sender, healthCheckMessage(jvm), jvm), acknowledgeBytes());
 }
 
-TEST(InMemoryFailures, CalledLibraryWithoutCreateReceiverGives014EveryTime) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_without_receiver"), RuntimeOperationMode::Calling);
+// A called library that misbehaves fails every message with its code, each time: a failed set-up
+// is tried again by the next message.
+class CalledHalfFailure : public testing::TestWithParam<std::pair<const char*, const char*>> {};
+
+TEST_P(CalledHalfFailure, GivesItsCodeEveryTime) {
+    ITransmitter* sender = transmitterOf(GetParam().first);
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(failureOf([&] {
                       sender->SendCommand(message.data(), static_cast<int>(message.size()));
                   }),
-                  reinstall("014"));
+                  std::string("Ostrelink Native Exception: Exception code ") + GetParam().second +
+                      ". \nReinstall Ostrelink package");
     }
 }
 
-TEST(InMemoryFailures, CalledFactoryReturningNullGives015) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_null_factories"), RuntimeOperationMode::Calling);
-    Bytes message = inMemoryMessage(cpp, jvm, "hello");
-    EXPECT_EQ(
-        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
-        reinstall("015"));
-}
+INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CalledHalfFailure,
+                         testing::Values(std::pair{"CppWithoutReceiver", "014"},
+                                         std::pair{"CppNullFactories", "015"},
+                                         std::pair{"CppWithoutTransmitter", "016"},
+                                         std::pair{"CppNullTransmitter", "027"}),
+                         [](const auto& info) { return std::string(info.param.first); });
 
 // The receiver is stored before CreateTransmitter is looked for: a retry asks for no second one.
-TEST(InMemoryFailures, CalledLibraryWithoutCreateTransmitterGives016AfterStoringTheReceiver) {
-    ITransmitter* sender = createTransmitter(installedRuntime("cpp_without_transmitter"),
-                                             RuntimeOperationMode::Calling);
+TEST(InMemoryFailures, WithoutCreateTransmitterTheReceiverIsMadeOnce) {
+    ITransmitter* sender = transmitterOf("CppWithoutTransmitter");
     Bytes message = inMemoryMessage(cpp, jvm, "hello");
     for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(failureOf([&] {
-                      sender->SendCommand(message.data(), static_cast<int>(message.size()));
-                  }),
-                  reinstall("016"));
+        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); });
     }
     HostLibrary cppLibrary(
-        installedFile("cpp_without_transmitter", "libOstrelinkCppRuntimeNative.so"));
+        installedFile("CppWithoutTransmitter", "libOstrelinkCppRuntimeNative.so"));
     IReceiver* cppReceiver =
         cppLibrary.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
-    Bytes query = inMemoryMessage(cpp, jvm, "factories");
-    const int length = cppReceiver->SendCommand(query.data(), static_cast<int>(query.size()));
-    Bytes reply(static_cast<std::size_t>(length), 0);
-    cppReceiver->ReadResponse(reply.data(), length);
     // Receiver factory: once by the channel, once just now. Transmitter factory: never there.
-    EXPECT_EQ(payloadOf(reply), (Bytes{1, 0xFE, 2, 0}));
-}
-
-TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("cpp_null_transmitter"), RuntimeOperationMode::Calling);
-    Bytes message = inMemoryMessage(cpp, jvm, "hello");
-    EXPECT_EQ(
-        failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
-        reinstall("027"));
+    EXPECT_EQ(payloadOf(sendAndRead(cppReceiver, inMemoryMessage(cpp, jvm, "factories"))),
+              (Bytes{1, 0xFE, 2, 0}));
 }
 
 // In the calling half every one of these failures is recorded and dropped: the sender's message
@@ -219,8 +200,7 @@ TEST(InMemoryFailures, CalledTransmitterFactoryReturningNullGives027) {
 class CallingHalfFailure : public testing::TestWithParam<const char*> {};
 
 TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime(GetParam()), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf(GetParam());
     Bytes check = healthCheckMessage(jvm);
     check[9] = cpp;
     EXPECT_EQ(sendAndRead(sender, check, jvm), acknowledgeBytes());
@@ -228,7 +208,7 @@ TEST_P(CallingHalfFailure, IsSilentAndTheMessageArrives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(InMemoryFailures, CallingHalfFailure,
-                         testing::Values("cpp_without_receiver", "cpp_null_factories",
-                                         "cpp_without_transmitter", "cpp_null_transmitter"));
+                         testing::Values("CppWithoutReceiver", "CppNullFactories",
+                                         "CppWithoutTransmitter", "CppNullTransmitter"));
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "OutboundSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::ITransmitter;
@@ -27,20 +27,18 @@ std::string sendFailure(ITransmitter* sender, unsigned char connectionType, unsi
 }
 
 TEST(NetworkFailures, ClientLibraryWithoutFactoryGives011EveryTime) {
-    ITransmitter* sender = createTransmitter(installedRuntime("client_without_factory"),
-                                             RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("ClientWithoutFactory");
     EXPECT_EQ(sendFailure(sender, 1, 9000), reinstall("011"));
     EXPECT_EQ(sendFailure(sender, 1, 9000), reinstall("011"));
     EXPECT_EQ(sendFailure(sender, 1, 9001), reinstall("011"));
 }
 
 TEST(NetworkFailures, FactoryReturningNullGives012AndIsAskedAgainEachTime) {
-    ITransmitter* sender =
-        createTransmitter(installedRuntime("client_null_factory"), RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("ClientNullFactory");
     EXPECT_EQ(sendFailure(sender, 1, 9000), reinstall("012"));
     EXPECT_EQ(sendFailure(sender, 1, 9000), reinstall("012"));
 
-    void* client = dlopen(installedFile("client_null_factory", "libOstrelinkTcpClient.so").c_str(),
+    void* client = dlopen(installedFile("ClientNullFactory", "libOstrelinkTcpClient.so").c_str(),
                           RTLD_NOW | RTLD_NOLOAD);
     ASSERT_NE(client, nullptr);
     using CallsFn = int (*)();
@@ -49,8 +47,7 @@ TEST(NetworkFailures, FactoryReturningNullGives012AndIsAskedAgainEachTime) {
 }
 
 TEST(NetworkFailures, MissingClientLibraryFailsInTheLoaderAndIsLookedForAgain) {
-    ITransmitter* sender = createTransmitter(installedRuntime("client_without_factory"),
-                                             RuntimeOperationMode::Calling);
+    ITransmitter* sender = transmitterOf("ClientWithoutFactory");
     for (int attempt = 0; attempt < 2; ++attempt) {
         const std::string text = sendFailure(sender, 2, 9443);
         EXPECT_THAT(text,

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "OutboundSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::ITransmitter;
@@ -36,7 +37,7 @@ const char* tcpClient = "libOstrelinkTcpClient.so";
 const char* tlsClient = "libOstrelinkTcpTlsClient.so";
 
 ITransmitter* transmitter() {
-    return createTransmitter(installedRuntime("recording"), RuntimeOperationMode::Calling);
+    return transmitterOf("recording");
 }
 
 bool clientLoaded(const char* file) {
@@ -65,76 +66,55 @@ Bytes networkMessage(unsigned char connectionType, const unsigned char (&address
     return routedMessage(cpp, jvm, connectionType, payload, address, port);
 }
 
-TEST(Selection, HeaderBytesMakeTheKeyAndTheClientGetsHostAndPort) {
-    ITransmitter* sender = transmitter();
-    const unsigned char address[4] = {10, 0, 0, 7};
-    Bytes message = networkMessage(tcp, address, 8080);
-    EXPECT_EQ(message[7], 0x90);
-    EXPECT_EQ(message[8], 0x1F);
-    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
-
-    const unsigned char any[4] = {0, 0, 0, 0};
-    Bytes unvalidated = networkMessage(tcp, any, 0);
-    EXPECT_EQ(sendAndRead(sender, unvalidated, cpp), unvalidated);
-
-    EXPECT_THAT(events(tcpClient),
-                ElementsAre("create tcp 10.0.0.7:8080", "initialize tcp 10.0.0.7:8080 2,8,0",
-                            "send tcp 10.0.0.7:8080", "create tcp 0.0.0.0:0",
-                            "initialize tcp 0.0.0.0:0 2,8,0", "send tcp 0.0.0.0:0"));
-    EXPECT_FALSE(clientLoaded(tlsClient));
+// A recording client's reply: the message, then the kind, address and port of its channel.
+Bytes served(Bytes message, const std::string& channel) {
+    message.insert(message.end(), channel.begin(), channel.end());
+    return message;
 }
 
-TEST(Selection, OneKeyOneChannelTcpFirst) {
+// The first message to an address and port makes the channel of that key: its connection type
+// picks TCP or TLS, and its runtimes and version go to the client's Initialize, once. Later
+// messages to the key use that channel whatever their type.
+TEST(Selection, TheFirstMessageToAKeyMakesItsChannel) {
     ITransmitter* sender = transmitter();
-    Bytes plain = networkMessage(tcp, local, 9000);
-    Bytes secure = networkMessage(tls, local, 9000);
-    EXPECT_EQ(sendAndRead(sender, plain, cpp), plain);
-    EXPECT_EQ(sendAndRead(sender, secure, cpp), secure);
-    EXPECT_THAT(events(tcpClient),
-                ElementsAre("create tcp 127.0.0.1:9000", "initialize tcp 127.0.0.1:9000 2,8,0",
-                            "send tcp 127.0.0.1:9000", "send tcp 127.0.0.1:9000"));
-    EXPECT_FALSE(clientLoaded(tlsClient));
-}
-
-TEST(Selection, OneKeyOneChannelTlsFirst) {
-    ITransmitter* sender = transmitter();
-    Bytes secure = networkMessage(tls, local, 9000);
-    Bytes plain = networkMessage(tcp, local, 9000);
-    EXPECT_EQ(sendAndRead(sender, secure, cpp), secure);
-    EXPECT_EQ(sendAndRead(sender, plain, cpp), plain);
-    EXPECT_THAT(events(tlsClient),
-                ElementsAre("create tls 127.0.0.1:9000", "initialize tls 127.0.0.1:9000 2,8,0",
-                            "send tls 127.0.0.1:9000", "send tls 127.0.0.1:9000"));
-    EXPECT_FALSE(clientLoaded(tcpClient));
-}
-
-TEST(Selection, DifferentPortsMakeTwoClientObjects) {
-    ITransmitter* sender = transmitter();
-    Bytes first = networkMessage(tcp, local, 8080);
-    Bytes second = networkMessage(tcp, local, 8081);
-    EXPECT_EQ(sendAndRead(sender, first, cpp), first);
-    EXPECT_EQ(sendAndRead(sender, second, cpp), second);
-    EXPECT_EQ(sendAndRead(sender, first, cpp), first);
-    EXPECT_THAT(events(tcpClient),
-                ElementsAre("create tcp 127.0.0.1:8080", "initialize tcp 127.0.0.1:8080 2,8,0",
-                            "send tcp 127.0.0.1:8080", "create tcp 127.0.0.1:8081",
-                            "initialize tcp 127.0.0.1:8081 2,8,0", "send tcp 127.0.0.1:8081",
-                            "send tcp 127.0.0.1:8080"));
-}
-
-// The client object hears the runtimes of the message that made it, and never again.
-TEST(Selection, ClientObjectIsInitializedOnceWithTheFirstMessagesRuntimes) {
-    ITransmitter* sender = transmitter();
-    for (unsigned char target :
-         {cpp, static_cast<unsigned char>(5), static_cast<unsigned char>(3)}) {
-        Bytes message = routedMessage(target, jvm, tcp, "x", local, 7000);
-        message[1] = static_cast<unsigned char>(target + 1);
-        EXPECT_EQ(sendAndRead(sender, message, target), message);
+    const struct {
+        unsigned char type;
+        unsigned char address[4];
+        unsigned short port;
+        unsigned char target;
+        const char* channel;
+    } sends[] = {
+        {tcp, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
+        {tls, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
+        {tcp, {0, 0, 0, 0}, 0, cpp, "tcp 0.0.0.0:0"},
+        {tls, {127, 0, 0, 1}, 9000, 5, "tls 127.0.0.1:9000"},
+        {tcp, {127, 0, 0, 1}, 9000, 3, "tls 127.0.0.1:9000"},
+        {tcp, {127, 0, 0, 1}, 9001, cpp, "tcp 127.0.0.1:9001"},
+        {tcp, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
+    };
+    for (const auto& send : sends) {
+        Bytes message = routedMessage(send.target, jvm, send.type, "ping", send.address, send.port);
+        message[1] = send.target == 5 ? 4 : 0;
+        EXPECT_EQ(sendAndRead(sender, message, send.target), served(message, send.channel));
     }
-    EXPECT_THAT(events(tcpClient),
-                ElementsAre("create tcp 127.0.0.1:7000", "initialize tcp 127.0.0.1:7000 2,8,9",
-                            "send tcp 127.0.0.1:7000", "send tcp 127.0.0.1:7000",
-                            "send tcp 127.0.0.1:7000"));
+    EXPECT_THAT(
+        events(tcpClient),
+        ElementsAre("create tcp 10.0.0.7:8080", "initialize tcp 10.0.0.7:8080 2,8,0",
+                    "send tcp 10.0.0.7:8080", "send tcp 10.0.0.7:8080", "create tcp 0.0.0.0:0",
+                    "initialize tcp 0.0.0.0:0 2,8,0", "send tcp 0.0.0.0:0",
+                    "create tcp 127.0.0.1:9001", "initialize tcp 127.0.0.1:9001 2,8,0",
+                    "send tcp 127.0.0.1:9001", "send tcp 10.0.0.7:8080"));
+    EXPECT_THAT(events(tlsClient),
+                ElementsAre("create tls 127.0.0.1:9000", "initialize tls 127.0.0.1:9000 2,5,4",
+                            "send tls 127.0.0.1:9000", "send tls 127.0.0.1:9000"));
+}
+
+TEST(Selection, TheTlsClientIsLoadedOnlyWhenATlsChannelIsMade) {
+    ITransmitter* sender = transmitter();
+    Bytes message = networkMessage(tcp, local, 9000);
+    sendAndRead(sender, message, cpp);
+    EXPECT_TRUE(clientLoaded(tcpClient));
+    EXPECT_FALSE(clientLoaded(tlsClient));
 }
 
 // Bytes that end where an unreadable page begins: a read past their end faults.
@@ -190,7 +170,7 @@ TEST(Selection, ShortMessagesAndBuffersAreRefusedBeforeAnyByteIsRead) {
     EXPECT_THAT(events(tcpClient), IsEmpty());
 
     Bytes exact(message.begin(), message.begin() + 11);
-    EXPECT_EQ(sendAndRead(sender, exact, cpp), exact);
+    EXPECT_EQ(sendAndRead(sender, exact, cpp), served(exact, "tcp 127.0.0.1:9000"));
 }
 
 TEST(Selection, UnknownConnectionTypeThrows023AndKeepsTheCurrentChannel) {
@@ -205,7 +185,7 @@ TEST(Selection, UnknownConnectionTypeThrows023AndKeepsTheCurrentChannel) {
 
     Bytes reply(static_cast<std::size_t>(length), 0);
     EXPECT_EQ(sender->ReadResponse(reply.data(), length), 0);
-    EXPECT_EQ(reply, message);
+    EXPECT_EQ(reply, served(message, "tcp 127.0.0.1:9000"));
     EXPECT_THAT(events(tcpClient), testing::Not(testing::Contains(HasSubstr("9001"))));
 }
 
@@ -269,7 +249,7 @@ TEST(Selection, SetTransportChannelServesUntilTheNextSelection) {
     EXPECT_TRUE(destroyed);
     Bytes reply(static_cast<std::size_t>(length), 0);
     EXPECT_EQ(sender->ReadResponse(reply.data(), length), 0);
-    EXPECT_EQ(reply, message);
+    EXPECT_EQ(reply, served(message, "tcp 127.0.0.1:9000"));
 }
 
 TEST(Selection, NetworkDeployAndEmbeddedRuntimeSendNothing) {
@@ -283,12 +263,13 @@ TEST(Selection, NetworkDeployAndEmbeddedRuntimeSendNothing) {
 
 // The client's Initialize fails once; the object stays, and later messages use it as it is.
 TEST(Selection, ClientInitializeFailureReachesTheSenderOnce) {
+    setenv("RECORDING_CLIENT_REFUSED_PORT", "1", 1);
     ITransmitter* sender = transmitter();
     Bytes message = networkMessage(tcp, local, 1);
     EXPECT_EQ(
         failureOf([&] { sender->SendCommand(message.data(), static_cast<int>(message.size())); }),
         "recording client: connection refused");
-    EXPECT_EQ(sendAndRead(sender, message, cpp), message);
+    EXPECT_EQ(sendAndRead(sender, message, cpp), served(message, "tcp 127.0.0.1:1"));
     EXPECT_THAT(events(tcpClient),
                 ElementsAre("create tcp 127.0.0.1:1", "initialize tcp 127.0.0.1:1 2,8,0",
                             "send tcp 127.0.0.1:1"));
@@ -310,12 +291,11 @@ TEST(Selection, ThreadsSendingAtOnceEachReadTheirOwnReply) {
                 Bytes message = i % 3 == 0   ? routedMessage(cpp, jvm, inMemory, payload)
                                 : i % 3 == 1 ? networkMessage(tcp, local, 9000, payload)
                                              : networkMessage(tls, local, 9443, payload);
+                const Bytes expected = i % 3 == 0   ? message
+                                       : i % 3 == 1 ? served(message, "tcp 127.0.0.1:9000")
+                                                    : served(message, "tls 127.0.0.1:9443");
                 try {
-                    const int length =
-                        sender->SendCommand(message.data(), static_cast<int>(message.size()));
-                    Bytes reply(static_cast<std::size_t>(length), cpp);
-                    sender->ReadResponse(reply.data(), length);
-                    if (reply != message) {
+                    if (sendAndRead(sender, message, cpp) != expected) {
                         ++wrong;
                     }
                 } catch (const std::exception&) {

@@ -9,7 +9,7 @@
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
 
-#include "OutboundSupport.h"
+#include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::CreateReceiverFn;
@@ -24,15 +24,21 @@ namespace {
 using SetOperationModeFn = int (*)();
 
 ITransmitter* getTransmitter() {
-    return stagedRuntime().get<GetTransmitterFn>("GetTransmitter")();
+    return HostLibrary::jvmRuntime().get<GetTransmitterFn>("GetTransmitter")();
 }
 
 int setOperationModeForTransmitter() {
-    return stagedRuntime().get<SetOperationModeFn>("_Z30SetOperationModeForTransmitterv")();
+    return HostLibrary::jvmRuntime().get<SetOperationModeFn>(
+        "_Z30SetOperationModeForTransmitterv")();
+}
+
+ITransmitter* createTransmitter(RuntimeOperationMode mode) {
+    return HostLibrary::jvmRuntime().get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
+        "CreateTransmitter")(mode);
 }
 
 IReceiver* createReceiver(RuntimeOperationMode mode) {
-    return stagedRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
+    return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
 }
 
 // A Called receiver prints the runtime info when it comes up, a Calling one does not: that is
@@ -47,10 +53,10 @@ bool receiverComesUpAsCalled() {
 
 TEST(TransmitterFactory, GetTransmitterIsNullUntilCreatedThenOneObject) {
     EXPECT_EQ(getTransmitter(), nullptr);
-    ITransmitter* transmitter = createTransmitter(stagedRuntime(), RuntimeOperationMode::Called);
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Called);
     ASSERT_NE(transmitter, nullptr);
     EXPECT_EQ(getTransmitter(), transmitter);
-    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Calling), transmitter);
+    EXPECT_EQ(createTransmitter(RuntimeOperationMode::Calling), transmitter);
     EXPECT_TRUE(receiverComesUpAsCalled());
 }
 
@@ -59,7 +65,7 @@ TEST(TransmitterFactory, SetOperationModeFirstFixesCallingForEveryLaterCreator) 
     ITransmitter* transmitter = getTransmitter();
     ASSERT_NE(transmitter, nullptr);
     EXPECT_EQ(setOperationModeForTransmitter(), 0);
-    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Called), transmitter);
+    EXPECT_EQ(createTransmitter(RuntimeOperationMode::Called), transmitter);
     EXPECT_FALSE(receiverComesUpAsCalled());
 }
 
@@ -72,48 +78,13 @@ TEST(TransmitterFactory, SetOperationModeAfterACalledReceiverKeepsCalled) {
 }
 
 TEST(TransmitterFactory, NotSetBuildsATransmitterAndLeavesTheModeOpen) {
-    ITransmitter* transmitter = createTransmitter(stagedRuntime(), RuntimeOperationMode::NotSet);
+    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::NotSet);
     ASSERT_NE(transmitter, nullptr);
     // The mode is still -1, so a receiver can't be built with it.
     EXPECT_THAT(failureOf([] { createReceiver(RuntimeOperationMode::NotSet); }),
                 HasSubstr("Exception code 032"));
-    EXPECT_EQ(createTransmitter(stagedRuntime(), RuntimeOperationMode::Called), transmitter);
+    EXPECT_EQ(createTransmitter(RuntimeOperationMode::Called), transmitter);
     EXPECT_TRUE(receiverComesUpAsCalled());
-}
-
-// Both creators race on a fresh process: one transmitter, and one mode for everybody.
-TEST(TransmitterFactory, RacingCreatorsAgreeOnOneTransmitterAndOneMode) {
-    constexpr int threadCount = 8;
-    std::atomic<bool> go{false};
-    std::vector<ITransmitter*> results(threadCount, nullptr);
-    std::vector<std::thread> threads;
-    auto create = stagedRuntime().get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
-        "CreateTransmitter");
-    auto setMode = stagedRuntime().get<SetOperationModeFn>("_Z30SetOperationModeForTransmitterv");
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([&, i] {
-            while (!go.load()) {
-                std::this_thread::yield();
-            }
-            if (i % 2 == 0) {
-                results[static_cast<std::size_t>(i)] = create(RuntimeOperationMode::Called);
-            } else {
-                setMode();
-                results[static_cast<std::size_t>(i)] = getTransmitter();
-            }
-        });
-    }
-    go = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    ITransmitter* transmitter = getTransmitter();
-    ASSERT_NE(transmitter, nullptr);
-    for (ITransmitter* result : results) {
-        EXPECT_EQ(result, transmitter);
-    }
-    // A mode is set: CreateReceiver(-1) takes it instead of failing with 032.
-    EXPECT_NE(createReceiver(RuntimeOperationMode::NotSet), nullptr);
 }
 
 }  // namespace
