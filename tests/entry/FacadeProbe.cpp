@@ -24,16 +24,8 @@ PROBE_EXPORT std::string ProbeGetChannelHost() {
     return ConfigHandler::GetChannelHost("python", "main");
 }
 
-PROBE_EXPORT bool ProbeProxyExists() {
-    return ConfigHandler::ProxyExists();
-}
-
 PROBE_EXPORT int ProbeGetProxyPort() {
     return ConfigHandler::GetProxyPort();
-}
-
-PROBE_EXPORT int ProbeGetLoggingLevel() {
-    return ConfigHandler::GetLoggingLevel();
 }
 
 // Reports once, then copies: the copy carries the text and reports nothing.

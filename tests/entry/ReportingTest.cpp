@@ -1,428 +1,276 @@
 // Failure reporting through the exports: the line on standard error, the daily error log, the
 // telemetry event, and the configuration facade's rules when the Configs library is broken or
-// missing. Failures are provoked through a transmitter of the staged library (or of a copy of
-// the staged tree with one sibling replaced or left out).
+// missing. Failures are provoked through a transmitter of the staged library, or of a copy of
+// the staged tree with siblings replaced or left out.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <ctime>
 #include <filesystem>
-#include <memory>
+#include <fstream>
+#include <iomanip>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/ITransmitter.h>
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/Calls.h"
 #include "common/HostLibrary.h"
-#include "common/Messages.h"
 #include "common/StageCopy.h"
-#include "entry/EntryTestSupport.h"
 
-using EntryTest::records;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
-using Ostrelink::Native::Interfaces::CreateReceiverFn;
-using Ostrelink::Native::Interfaces::CreateTransmitterFn;
-using Ostrelink::Native::Interfaces::IReceiver;
-using Ostrelink::Native::Interfaces::ITransmitter;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
+namespace fs = std::filesystem;
 
 namespace {
 
-using SetConfigSourceFn = int (*)(std::string);
-using SetWorkingDirectoryPathFn = int (*)(std::string);
-
-const char* const shortText = "Message byte array length is less than 11";
-const char* const supportText =
+const std::string shortText = "Message byte array length is less than 11";
+const std::string supportText =
     "\nIf the error persists, contact support on: support@ostrelink.dev";
 
-const char* const setConfigSourceSymbol =
-    "_Z15SetConfigSourceNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
-const char* const setWorkingDirectorySymbol =
-    "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
-
-// One runtime library (the staged one, or the one of a copy of the tree) and its transmitter.
-class Library {
-public:
-    explicit Library(HostLibrary& library) : m_library(library) {}
-
-    ITransmitter* transmitter() {
-        return m_library.get<CreateTransmitterFn>("CreateTransmitter")(
-            RuntimeOperationMode::Calling);
-    }
-    int setConfigSource(const std::string& source) {
-        return m_library.get<SetConfigSourceFn>(setConfigSourceSymbol)(source);
-    }
-    int setWorkingDirectory(const std::string& path) {
-        return m_library.get<SetWorkingDirectoryPathFn>(setWorkingDirectorySymbol)(path);
-    }
-
-    // The text that reaches the raiser's caller.
-    std::string failShort() { return failWith(Bytes(5, 0)); }
-    // A three-line text: the library of the Python runtime is not installed.
-    std::string failMultiLine() {
-        Bytes message = makeMessage(5, 0, "x", 2);
-        return failWith(message);
-    }
-
-private:
-    std::string failWith(Bytes message) {
-        try {
-            transmitter()->SendCommand(message.data(), static_cast<int>(message.size()));
-        } catch (const std::exception& exception) {
-            return exception.what();
-        }
-        ADD_FAILURE() << "no failure";
-        return {};
-    }
-
-    HostLibrary& m_library;
-};
-
-Library staged() {
-    return Library(HostLibrary::jvmRuntime());
+// A fresh directory under the test work directory, named after the running test, in which the
+// telemetry of the process goes to "telemetry.txt".
+std::string freshDirectory() {
+    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
+    const fs::path directory = fs::current_path() / "entry-tmp" /
+                               (std::string(test->test_suite_name()) + "." + test->name());
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    setenv("OSTRELINK_TELEMETRY_FILE", (directory / "telemetry.txt").c_str(), 1);
+    return fs::canonical(directory).string();
 }
 
-std::string threadIdText() {
+// The content of a file, which is then removed.
+std::string take(const std::string& path) {
+    std::stringstream content;
+    content << std::ifstream(path).rdbuf();
+    fs::remove(path);
+    return content.str();
+}
+
+std::string today() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
     std::ostringstream text;
-    text << std::this_thread::get_id();
+    text << std::put_time(&local, "%Y-%m-%d");
     return text.str();
 }
 
-std::size_t count(const std::vector<std::string>& items, const std::string& item) {
-    return static_cast<std::size_t>(std::count(items.begin(), items.end(), item));
+// Today's error log in directory, taken, each record's time stamp and thread id made a "|".
+std::string takeLog(const std::string& directory) {
+    static const std::regex stamp(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\tThread ID: [^\t\n]+\t)");
+    return std::regex_replace(take(directory + "/_OstrelinkNativeErrorLogger_" + today() + ".txt"),
+                              stamp, "|");
 }
 
-TEST(ErrorLog, RecordsOfOneDayGoToOneFileInTheRecordFormat) {
-    const std::string directory = EntryTest::freshDirectory();
-    Library library = staged();
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
-
-    EXPECT_EQ(library.failShort(), shortText);
-    const std::string multiLine = library.failMultiLine();
-    EXPECT_THAT(multiLine, HasSubstr("\nCannot load: "));
-    EXPECT_EQ(library.failShort(), shortText);
-
-    std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-        files.push_back(entry.path().filename().string());
-    }
-    ASSERT_THAT(files, ElementsAre(EntryTest::todaysLogName()));
-    const std::string content = EntryTest::readFile(directory + "/" + files[0]);
-    const std::vector<std::string> found = records(content);
-    ASSERT_EQ(found.size(), 3u) << content;
-
-    // Time stamp, tab, "Thread ID: ", the std::thread::id text, tab, message, one "\n".
-    const std::string date =
-        files[0].substr(std::string("_OstrelinkNativeErrorLogger_").size(), 10);
-    const std::regex format(date + R"( \d{2}:\d{2}:\d{2}\tThread ID: )" + threadIdText() + "\t");
-    for (const std::string& record : found) {
-        EXPECT_TRUE(std::regex_search(record, format)) << record;
-        EXPECT_EQ(record.find("\t"), 19u) << record;
-        EXPECT_THAT(record, Not(HasSubstr("support@")));
-        EXPECT_THAT(record, Not(HasSubstr("Unknown")));
-    }
-    EXPECT_EQ(EntryTest::messageOf(found[0]), shortText);
-    EXPECT_EQ(EntryTest::messageOf(found[1]), multiLine);
-    EXPECT_EQ(EntryTest::messageOf(found[2]), shortText);
-    EXPECT_EQ(content.back(), '\n');
+std::string event(const std::string& text) {
+    return "Native exception\t" + text + "\tUnknown\n";
 }
 
-// A launcher failure is constructed once as raised and once more with the runtime info behind
-// it: two records, the second one spanning several lines.
-TEST(ErrorLog, ATranslatedFailureWritesTwoRecords) {
-    const std::string directory = EntryTest::freshDirectory();
-    Library library = staged();
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
-    IReceiver* receiver = HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(
-        RuntimeOperationMode::Called);
-    ASSERT_NE(receiver, nullptr);
-
-    const std::string raised = "JVM Launcher: Exception code 041.\nError while reading response";
-    std::string thrown;
-    try {
-        unsigned char buffer[17] = {};
-        receiver->ReadResponse(buffer, 17);
-        FAIL() << "ReadResponse returned";
-    } catch (const std::exception& exception) {
-        thrown = exception.what();
-    }
-    EXPECT_EQ(thrown.rfind(raised + "\nRUNTIME INFO:\n", 0), 0u) << thrown;
-
-    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(EntryTest::messageOf(found[0]), raised);
-    EXPECT_EQ(EntryTest::messageOf(found[1]), thrown);
+std::string failWith(const HostLibrary& library, Bytes message) {
+    auto* transmitter = library.get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
+        "CreateTransmitter")(RuntimeOperationMode::Calling);
+    return failureOf(
+        [&] { transmitter->SendCommand(message.data(), static_cast<int>(message.size())); });
 }
 
-TEST(ErrorLog, MissingDirectoryOrAFileGivesNoRecordAndTheFailureStillArrives) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string telemetry = directory + "/telemetry.txt";
-    setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
-    Library library = staged();
-
-    ASSERT_EQ(library.setWorkingDirectory(directory + "/missing/deeper"), 0);
-    EXPECT_EQ(library.failShort(), shortText);
-    EXPECT_FALSE(EntryTest::exists(directory + "/missing"));
-
-    const std::string file = directory + "/plain-file";
-    EntryTest::writeFile(file, "not a directory\n");
-    ASSERT_EQ(library.setWorkingDirectory(file), 0);
-    EXPECT_EQ(library.failShort(), shortText);
-    EXPECT_EQ(EntryTest::readFile(file), "not a directory\n");
-
-    // No record, but the telemetry step still ran for both.
-    const std::string event = std::string("Native exception\t") + shortText + "\tUnknown";
-    EXPECT_EQ(count(EntryTest::lines(EntryTest::readFile(telemetry)), event), 2u);
+std::string failShort(const HostLibrary& library) {
+    return failWith(library, Bytes(5, 0));
 }
 
-TEST(StandardError, LineCarriesTheSupportTextAndWhatDoesNot) {
-    const std::string directory = EntryTest::freshDirectory();
-    Library library = staged();
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
+int setWorkingDirectory(const HostLibrary& library, const std::string& path) {
+    return library.get<int (*)(std::string)>(
+        "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(path);
+}
+
+int setConfigSource(const HostLibrary& library, const std::string& source) {
+    return library.get<int (*)(std::string)>(
+        "_Z15SetConfigSourceNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(source);
+}
+
+TEST(AtStartUp, MakesTheOneTransmitter) {
+    const auto getTransmitter =
+        HostLibrary::jvmRuntime().get<Ostrelink::Native::Interfaces::GetTransmitterFn>(
+            "GetTransmitter");
+    ASSERT_EQ(getTransmitter(), nullptr);
+    HostLibrary::jvmRuntime().get<void (*)()>("_Z9AtStartUpv")();
+    EXPECT_NE(getTransmitter(), nullptr);
+}
+
+// A failure writes a line with the support text to standard error, a record to the log of the
+// day in the working directory, and an event without line ends to telemetry. A launcher failure
+// is made once as raised and once more with the runtime info behind it: two records. Without a
+// directory to write in there is no record, and the failure still arrives.
+TEST(ErrorLog, EveryFailureGoesToStandardErrorTheLogOfTheDayAndTelemetry) {
+    const std::string directory = freshDirectory();
+    const HostLibrary& library = HostLibrary::jvmRuntime();
+    ASSERT_EQ(setWorkingDirectory(library, directory), 0);
+    std::ostringstream thread;
+    thread << std::this_thread::get_id();
+    const std::string stamp = today() + R"( \d{2}:\d{2}:\d{2}\tThread ID: )" + thread.str() + "\t";
 
     testing::internal::CaptureStderr();
-    const std::string text = library.failShort();
+    EXPECT_EQ(failShort(library), shortText);
     const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(err, std::regex(stamp + shortText + supportText + "\n"))) << err;
+    // The library of the Python runtime is not installed: a text of three lines.
+    const std::string multiLine = failWith(library, makeMessage(5, 0, "x", 2));
+    EXPECT_THAT(multiLine, HasSubstr("\nCannot load: "));
+    std::string flattened = multiLine;
+    flattened.erase(std::remove(flattened.begin(), flattened.end(), '\n'), flattened.end());
+    EXPECT_EQ(take(directory + "/telemetry.txt"), event(shortText) + event(flattened));
+    auto* receiver = library.get<Ostrelink::Native::Interfaces::CreateReceiverFn>("CreateReceiver")(
+        RuntimeOperationMode::Called);
+    unsigned char buffer[1];
+    const std::string thrown = failureOf([&] { receiver->ReadResponse(buffer, 1); });
+    const std::string raised = "JVM Launcher: Exception code 041.\nError while reading response";
+    EXPECT_THAT(thrown, testing::StartsWith(raised + "\nRUNTIME INFO:\n"));
+    const std::string log = take(directory + "/_OstrelinkNativeErrorLogger_" + today() + ".txt");
+    EXPECT_EQ(std::regex_replace(log, std::regex(stamp), "|"),
+              "|" + shortText + "\n|" + multiLine + "\n|" + raised + "\n|" + thrown + "\n");
 
-    EXPECT_EQ(text, shortText);
-    const std::regex line(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\tThread ID: )" + threadIdText() +
-                          "\t" + shortText + supportText + "\n");
-    EXPECT_TRUE(std::regex_search(err, line)) << err;
+    std::ofstream(directory + "/file") << "not a directory\n";
+    for (const std::string& unusable : {directory + "/missing/deeper", directory + "/file"}) {
+        ASSERT_EQ(setWorkingDirectory(library, unusable), 0);
+        EXPECT_EQ(failShort(library), shortText);
+    }
+    EXPECT_FALSE(fs::exists(directory + "/missing"));
+    EXPECT_EQ(take(directory + "/file"), "not a directory\n");
+    EXPECT_THAT(take(directory + "/telemetry.txt"),
+                testing::EndsWith(event(shortText) + event(shortText)));
 }
 
 // The level from OSTRELINK_LOGGING_LEVEL and from the configuration, seen through the line on
-// standard error: level 0 writes none, 1 and 2 write one.
+// standard error: level 0 writes none, 1 and 2 write one. The log takes every record.
 TEST(StandardError, LevelFromTheVariableAndFromTheConfiguration) {
-    struct Case {
+    const struct {
         const char* variable;    // nullptr: unset
         const char* configured;  // nullptr: no logging.level line
         bool line;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {nullptr, nullptr, true},     {"OFF", nullptr, false},  {"off", "all", false},
         {"RuntimeInfo", "off", true}, {"ALL", "off", true},     {"verbose", "off", false},
         {"", "off", false},           {" off", nullptr, true},  {" off", "off", false},
         {nullptr, "OFF", false},      {nullptr, "debug", true}, {nullptr, "", true},
         {"all", "off", true},
     };
-    const std::string directory = EntryTest::freshDirectory();
-    Library library = staged();
-    int index = 0;
-    for (const Case& each : cases) {
-        const std::string source = directory + "/level" + std::to_string(index++) + ".conf";
-        std::string content = "workingDirectory = " + directory + "\n";
-        if (each.configured != nullptr) {
-            content += std::string("logging.level = ") + each.configured + "\n";
-        }
-        EntryTest::writeFile(source, content);
-        ASSERT_EQ(library.setConfigSource(source), 0);
+    const std::string directory = freshDirectory();
+    std::string records;
+    for (const auto& each : cases) {
+        const std::string source = directory + "/" + std::to_string(&each - cases) + ".conf";
+        std::ofstream(source) << "workingDirectory = " << directory << "\n"
+                              << (each.configured != nullptr
+                                      ? "logging.level = " + std::string(each.configured) + "\n"
+                                      : std::string());
+        ASSERT_EQ(setConfigSource(HostLibrary::jvmRuntime(), source), 0);
         if (each.variable != nullptr) {
             setenv("OSTRELINK_LOGGING_LEVEL", each.variable, 1);
         } else {
             unsetenv("OSTRELINK_LOGGING_LEVEL");
         }
         testing::internal::CaptureStderr();
-        EXPECT_EQ(library.failShort(), shortText);
-        const std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(err.find(shortText) != std::string::npos, each.line)
-            << "variable " << (each.variable != nullptr ? each.variable : "(unset)")
-            << ", configured " << (each.configured != nullptr ? each.configured : "(none)");
+        EXPECT_EQ(failShort(HostLibrary::jvmRuntime()), shortText);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find(shortText) != std::string::npos,
+                  each.line)
+            << (each.variable != nullptr ? each.variable : "(unset)") << ", "
+            << (each.configured != nullptr ? each.configured : "(none)");
+        records += "|" + shortText + "\n";
     }
-}
-
-TEST(Telemetry, EveryFailureSendsItsTextWithoutLineEnds) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string telemetry = directory + "/telemetry.txt";
-    setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
-    Library library = staged();
-    ASSERT_EQ(library.setWorkingDirectory(directory), 0);
-
-    const std::string multiLine = library.failMultiLine();
-    ASSERT_THAT(multiLine, HasSubstr("\n"));
-    EXPECT_EQ(library.failShort(), shortText);
-
-    std::string flattened = multiLine;
-    flattened.erase(std::remove(flattened.begin(), flattened.end(), '\n'), flattened.end());
-    EXPECT_THAT(EntryTest::lines(EntryTest::readFile(telemetry)),
-                ElementsAre("Native exception\t" + flattened + "\tUnknown",
-                            std::string("Native exception\t") + shortText + "\tUnknown"));
+    EXPECT_EQ(takeLog(directory), records);
 }
 
 // The Configs library of the copy (ConfigsVariant.cpp) lacks GetLoggingLevel,
-// GetWorkingDirectory, SetWorkingDirectory and more, and its SetConfigSource throws.
-class BrokenConfigs : public testing::Test {
-protected:
-    void SetUp() override {
-        m_directory = EntryTest::freshDirectory();
-        m_telemetry = m_directory + "/telemetry.txt";
-        setenv("OSTRELINK_TELEMETRY_FILE", m_telemetry.c_str(), 1);
-        m_native = copyStage(m_directory, {"libConfigs.so"});
-        std::filesystem::copy_file(ENTRY_CONFIGS_VARIANT, m_native + "libConfigs.so");
-        m_copy = std::make_unique<HostLibrary>(m_native + "libOstrelinkJvmRuntimeNative.so");
-        // Without GetWorkingDirectory the log goes to the current directory.
-        m_logDirectory = m_directory + "/cwd";
-        std::filesystem::create_directories(m_logDirectory);
-        ASSERT_EQ(chdir(m_logDirectory.c_str()), 0);
-    }
+// GetWorkingDirectory, SetWorkingDirectory and more, and its SetConfigSource throws: the log goes
+// to the current directory, at the default level. An operation with a default answer answers it
+// after reporting a missing export once; one without raises the failure again, so it is
+// reported twice. What the Configs library itself throws is no failure of this library: a
+// default operation answers the default and reports nothing, a setter passes it on once.
+TEST(BrokenConfigs, EachOperationFailsByItsOwnRule) {
+    const std::string directory = freshDirectory();
+    const std::string telemetry = directory + "/telemetry.txt";
+    const std::string native = copyStage(directory, {"libConfigs.so"});
+    fs::copy_file(ENTRY_CONFIGS_VARIANT, native + "libConfigs.so");
+    fs::copy_file(ENTRY_FACADE_PROBE, native + "libEntryFacadeProbe.so");
+    const HostLibrary copy(native + "libOstrelinkJvmRuntimeNative.so");
+    const HostLibrary probe(native + "libEntryFacadeProbe.so");
+    ASSERT_EQ(chdir(directory.c_str()), 0);
+    const auto missing = [](const std::string& name) {
+        return name + " function not found in Utils library";
+    };
+    // Each report asks for the level and the directory, finds neither, and says so without
+    // asking again: in telemetry only, with no record.
+    const auto reported = [&missing](const std::string& text) {
+        return event(missing("GetLoggingLevel")) + event(missing("GetWorkingDirectory")) +
+               event(missing("GetWorkingDirectory")) + event(text);
+    };
 
-    std::vector<std::string> loggedMessages() const {
-        std::vector<std::string> messages;
-        for (const std::string& record :
-             records(EntryTest::readFile(m_logDirectory + "/" + EntryTest::todaysLogName()))) {
-            messages.push_back(EntryTest::messageOf(record));
-        }
-        return messages;
-    }
-    std::vector<std::string> events() const {
-        return EntryTest::lines(EntryTest::readFile(m_telemetry));
-    }
-
-    std::string m_directory;
-    std::string m_native;
-    std::string m_telemetry;
-    std::string m_logDirectory;
-    std::unique_ptr<HostLibrary> m_copy;
-};
-
-TEST_F(BrokenConfigs, AMissingSetterIsRaisedAgainAfterTwoReports) {
-    Library library(*m_copy);
-    const std::string missing = "SetWorkingDirectory function not found in Utils library";
-    try {
-        library.setWorkingDirectory(m_directory);
-        FAIL() << "SetWorkingDirectoryPath returned";
-    } catch (const std::exception& exception) {
-        EXPECT_EQ(exception.what(), missing);
-    }
-    EXPECT_THAT(loggedMessages(), ElementsAre(missing, missing));
-    EXPECT_EQ(count(events(), "Native exception\t" + missing + "\tUnknown"), 2u);
-    // Each report asked for the level and the directory, found neither, and said so without
-    // asking again: telemetry only, no record.
-    EXPECT_EQ(
-        count(events(),
-              "Native exception\tGetLoggingLevel function not found in Utils library\tUnknown"),
-        2u);
-    EXPECT_EQ(
-        count(events(),
-              "Native exception\tGetWorkingDirectory function not found in Utils library\tUnknown"),
-        4u);
-}
-
-TEST_F(BrokenConfigs, AThrowingSetterIsWrappedOnce) {
-    Library library(*m_copy);
-    try {
-        library.setConfigSource("anything");
-        FAIL() << "SetConfigSource returned";
-    } catch (const std::exception& exception) {
-        EXPECT_EQ(std::string(exception.what()), "Configs variant: source refused");
-    }
-    EXPECT_THAT(loggedMessages(), ElementsAre("Configs variant: source refused"));
-    // What is not a std::exception leaves the export as one, with a text of its own.
-    try {
-        library.setConfigSource("throw struct");
-        FAIL() << "SetConfigSource returned";
-    } catch (const std::exception& exception) {
-        EXPECT_THAT(exception.what(), HasSubstr("Exception code 035"));
-    }
-}
-
-TEST_F(BrokenConfigs, OtherFailuresKeepTheirTextAndTheDefaultLevel) {
-    Library library(*m_copy);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(library.failShort(), shortText);
+    EXPECT_EQ(failShort(copy), shortText);
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr(std::string(shortText) + supportText));
-    EXPECT_THAT(err, HasSubstr("GetLoggingLevel function not found in Utils library"));
-    EXPECT_THAT(loggedMessages(), ElementsAre(shortText));
-}
+    EXPECT_THAT(err, HasSubstr(shortText + supportText));
+    EXPECT_THAT(err, HasSubstr(missing("GetLoggingLevel")));
+    EXPECT_EQ(takeLog(directory), "|" + shortText + "\n");
 
-// Operations with a default answer it after reporting a missing export once; those without one
-// raise the failure again, so it is reported twice. What the library itself throws is no
-// failure of this library: a default operation answers the default and reports nothing.
-TEST_F(BrokenConfigs, EachOperationFailsByItsOwnRule) {
-    std::filesystem::copy_file(ENTRY_FACADE_PROBE, m_native + "libEntryFacadeProbe.so");
-    HostLibrary probe(m_native + "libEntryFacadeProbe.so");
+    take(telemetry);
+    EXPECT_EQ(failureOf([&] { setWorkingDirectory(copy, directory); }),
+              missing("SetWorkingDirectory"));
+    EXPECT_EQ(takeLog(directory),
+              "|" + missing("SetWorkingDirectory") + "\n|" + missing("SetWorkingDirectory") + "\n");
+    EXPECT_EQ(take(telemetry),
+              reported(missing("SetWorkingDirectory")) + reported(missing("SetWorkingDirectory")));
+
+    EXPECT_EQ(failureOf([&] { setConfigSource(copy, "anything"); }),
+              "Configs variant: source refused");
+    EXPECT_EQ(takeLog(directory), "|Configs variant: source refused\n");
+    // What is not a std::exception leaves the export as one, with a text of its own.
+    EXPECT_THAT(failureOf([&] { setConfigSource(copy, "throw struct"); }),
+                HasSubstr("Exception code 035"));
+    takeLog(directory);
 
     EXPECT_EQ(probe.get<int (*)()>("ProbeGetChannelPort")(), 0);
-    EXPECT_FALSE(probe.get<bool (*)()>("ProbeProxyExists")());
     EXPECT_EQ(probe.get<std::string (*)()>("ProbeGetChannelHost")(), "");
     EXPECT_EQ(probe.get<int (*)()>("ProbeGetProxyPort")(), 3128);
-    EXPECT_EQ(probe.get<int (*)()>("ProbeGetLoggingLevel")(), 1);
-    try {
-        probe.get<std::string (*)()>("ProbeGetConfigSource")();
-        FAIL() << "GetConfigSource returned";
-    } catch (const std::exception& exception) {
-        EXPECT_STREQ(exception.what(), "GetConfigSource function not found in Utils library");
-    }
+    EXPECT_EQ(failureOf([&] { probe.get<std::string (*)()>("ProbeGetConfigSource")(); }),
+              missing("GetConfigSource"));
+    EXPECT_EQ(takeLog(directory), "|" + missing("GetChannelPort") + "\n|" +
+                                      missing("GetConfigSource") + "\n|" +
+                                      missing("GetConfigSource") + "\n");
 
-    EXPECT_THAT(loggedMessages(),
-                ElementsAre("GetChannelPort function not found in Utils library",
-                            "ProxyExists function not found in Utils library",
-                            "GetLoggingLevel function not found in Utils library",
-                            "GetConfigSource function not found in Utils library",
-                            "GetConfigSource function not found in Utils library"));
-}
-
-TEST(Exception, ACopyCarriesTheTextAndReportsNothing) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string telemetry = directory + "/telemetry.txt";
-    setenv("OSTRELINK_TELEMETRY_FILE", telemetry.c_str(), 1);
-    const std::string native = copyStage(directory);
-    std::filesystem::copy_file(ENTRY_FACADE_PROBE, native + "libEntryFacadeProbe.so");
-    HostLibrary probe(native + "libEntryFacadeProbe.so");
-    ASSERT_EQ(chdir(directory.c_str()), 0);
-
-    testing::internal::CaptureStderr();
+    // A copy of the exception carries the text and reports nothing again.
+    take(telemetry);
     EXPECT_EQ(probe.get<std::string (*)(const char*)>("ProbeCopyOfException")("copied\ntext"),
               "copied\ntext");
-    const std::string err = testing::internal::GetCapturedStderr();
-
-    EXPECT_EQ(err.find("support@"), err.rfind("support@")) << err;
-    EXPECT_THAT(err, HasSubstr("\tcopied\ntext\nIf the error persists"));
-    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(EntryTest::messageOf(found[0]), "copied\ntext");
-    EXPECT_THAT(EntryTest::lines(EntryTest::readFile(telemetry)),
-                ElementsAre("Native exception\tcopiedtext\tUnknown"));
+    EXPECT_EQ(takeLog(directory), "|copied\ntext\n");
+    EXPECT_EQ(take(telemetry), reported("copiedtext"));
 }
 
-TEST(MissingConfigs, FailuresEndAndReachTheirRaiser) {
-    const std::string directory = EntryTest::freshDirectory();
-    const std::string native = copyStage(directory, {"libConfigs.so"});
-    HostLibrary copy(native + "libOstrelinkJvmRuntimeNative.so");
-    Library library(copy);
+// Without the Configs library failures still end and reach their raiser, the log going to the
+// current directory; without the Utils library there is no telemetry, and nothing else changes.
+TEST(MissingSiblings, FailuresEndAndReachTheirRaiser) {
+    const std::string directory = freshDirectory();
+    const std::string native = copyStage(directory, {"libConfigs.so", "libUtils.so"});
+    const HostLibrary copy(native + "libOstrelinkJvmRuntimeNative.so");
     ASSERT_EQ(chdir(directory.c_str()), 0);
     const std::string loadFailure =
         "Ostrelink Native Exception: Exception code 001. \nCannot load: " + native +
         "libConfigs.so. \nError: File not found.";
-
     testing::internal::CaptureStderr();
-    EXPECT_EQ(library.failShort(), shortText);
+    EXPECT_EQ(failShort(copy), shortText);
     const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr(std::string(shortText) + supportText));
+    EXPECT_THAT(err, HasSubstr(shortText + supportText));
     EXPECT_THAT(err, HasSubstr(loadFailure));
-
-    try {
-        library.setConfigSource(directory + "/any.conf");
-        FAIL() << "SetConfigSource returned";
-    } catch (const std::exception& exception) {
-        EXPECT_EQ(exception.what(), loadFailure);
-    }
-    // The records land in the current directory, each failure once.
-    const auto found = records(EntryTest::readFile(directory + "/" + EntryTest::todaysLogName()));
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(EntryTest::messageOf(found[0]), shortText);
-    EXPECT_EQ(EntryTest::messageOf(found[1]), loadFailure);
+    EXPECT_EQ(failureOf([&] { setConfigSource(copy, directory + "/any.conf"); }), loadFailure);
+    EXPECT_EQ(takeLog(directory), "|" + shortText + "\n|" + loadFailure + "\n");
+    EXPECT_FALSE(fs::exists(directory + "/telemetry.txt"));
 }
 
 }  // namespace

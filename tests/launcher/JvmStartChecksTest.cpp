@@ -12,7 +12,9 @@ using Options = std::vector<std::string>;
 
 namespace {
 
-TEST(JvmStartChecks, SplitsOnWhiteSpaceWithQuotesGrouping) {
+// Options split on white space with quotes grouping; the class path is refused always, the JDWP
+// agent in debug mode.
+TEST(JvmStartChecks, SplitAndRefuseOptions) {
     const struct {
         const char* text;
         std::optional<Options> options;
@@ -28,14 +30,11 @@ TEST(JvmStartChecks, SplitsOnWhiteSpaceWithQuotesGrouping) {
     for (const auto& c : cases) {
         EXPECT_EQ(splitJvmOptions(c.text), c.options) << c.text;
     }
-}
-
-TEST(JvmStartChecks, RefusesTheClassPathAlwaysAndJdwpInDebugMode) {
     const struct {
         Options options;
         bool debugMode;
         const char* refused;
-    } cases[] = {
+    } reserved[] = {
         {{"-ea", "-cp", "x"}, false, "-cp"},
         {{"-classpath"}, false, "-classpath"},
         {{"--class-path"}, false, "--class-path"},
@@ -47,7 +46,7 @@ TEST(JvmStartChecks, RefusesTheClassPathAlwaysAndJdwpInDebugMode) {
          true,
          "-Xrunjdwp:transport=dt_socket"},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : reserved) {
         const std::string* refused = findReservedJvmOption(c.options, c.debugMode);
         EXPECT_EQ(refused == nullptr ? "" : *refused, c.refused == nullptr ? "" : c.refused)
             << c.options.front();

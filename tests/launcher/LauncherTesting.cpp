@@ -1,11 +1,8 @@
 #include "LauncherTesting.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -16,32 +13,33 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-std::string makeTemporaryDirectory(const std::string& prefix = "ostrelink-launcher-") {
-    std::string pattern = (fs::temp_directory_path() / (prefix + "XXXXXX")).string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    return pattern;
-}
-}  // namespace
-
 std::string testJar(const std::string& name) {
     return std::string(OSTRELINK_TEST_JAR_DIR) + name + ".jar";
 }
 
-InstallationCopy::InstallationCopy(const std::string& runtimeJar,
-                                   const std::string& directoryPrefix)
-    : m_root(makeTemporaryDirectory(directoryPrefix) + "/stage") {
-    copyStage(fs::path(m_root).parent_path());
-    fs::copy_file(runtimeJar, fs::path(m_root) / "Binaries/Jvm/OstrelinkJvmRuntime.jar",
-                  fs::copy_options::overwrite_existing);
+TemporaryDirectory::TemporaryDirectory(const std::string& prefix)
+    : m_path((fs::temp_directory_path() / (prefix + "XXXXXX")).string()) {
+    if (mkdtemp(m_path.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed");
+    }
 }
 
-// The library stays mapped; its file may go.
-InstallationCopy::~InstallationCopy() {
+// A library of a copy stays mapped; its file may go.
+TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
-    fs::remove_all(fs::path(m_root).parent_path(), ignored);
+    fs::remove_all(m_path, ignored);
+}
+
+InstallationCopy::InstallationCopy(const std::string& runtimeJar,
+                                   const std::string& directoryPrefix)
+    : directory(directoryPrefix) {
+    copyStage(directory.path());
+    m_root = directory.path() + "/stage";
+    const fs::path jar = fs::path(m_root) / "Binaries/Jvm/OstrelinkJvmRuntime.jar";
+    fs::remove(jar);
+    if (!runtimeJar.empty()) {
+        fs::copy_file(runtimeJar, jar);
+    }
 }
 
 std::string InstallationCopy::libraryPath() const {
@@ -60,15 +58,53 @@ IReceiver* InstallationCopy::createReceiver(RuntimeOperationMode mode) const {
     return library.get<Ostrelink::Native::Interfaces::CreateReceiverFn>("CreateReceiver")(mode);
 }
 
-TemporaryDirectory::TemporaryDirectory() : m_path(makeTemporaryDirectory()) {}
+IReceiver* InstallationCopy::receiver(RuntimeOperationMode mode) const {
+    IReceiver* receiver = createReceiver(mode);
+    const bool calling = mode == RuntimeOperationMode::Calling;
+    EXPECT_EQ(receiver->Initialize(calling ? 2 : 8, calling ? 8 : 2, 0), 0);
+    return receiver;
+}
 
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    fs::remove_all(m_path, ignored);
+std::string sendFailure(IReceiver* receiver, Bytes message) {
+    return failureOf(
+        [&] { receiver->SendCommand(message.data(), static_cast<int>(message.size())); });
 }
 
 std::string realJvmLibrary() {
     return std::string(OSTRELINK_JAVA_HOME) + "/lib/server/libjvm.so";
+}
+
+std::string nativeInfo() {
+    return "JVM Native Launcher Runtime Info: \nJVM shared library search path: " +
+           realJvmLibrary();
+}
+
+std::string runtimeInfo(IReceiver* receiver) {
+    std::string text;
+    std::thread([&text, receiver] {
+        unsigned char buffer[1];
+        text = failureOf([&buffer, receiver] { receiver->ReadResponse(buffer, 1); });
+    }).join();
+    const std::string marker = "\nRUNTIME INFO:\n";
+    const auto at = text.find(marker);
+    EXPECT_NE(at, std::string::npos) << text;
+    return at == std::string::npos ? std::string() : text.substr(at + marker.size());
+}
+
+JavaVM* createHostJvm(const std::string& classPath) {
+    void* library = dlopen(realJvmLibrary().c_str(), RTLD_NOW | RTLD_LOCAL);
+    const auto create =
+        reinterpret_cast<jint (*)(JavaVM**, void**, void*)>(dlsym(library, "JNI_CreateJavaVM"));
+    JavaVM* jvm = nullptr;
+    std::thread([&] {
+        std::string option = "-Djava.class.path=" + classPath;
+        JavaVMOption options[1] = {{option.data(), nullptr}};
+        JavaVMInitArgs args{JNI_VERSION_1_8, 1, options, JNI_FALSE};
+        JNIEnv* env = nullptr;
+        EXPECT_EQ(create(&jvm, reinterpret_cast<void**>(&env), &args), JNI_OK);
+        jvm->DetachCurrentThread();
+    }).join();
+    return jvm;
 }
 
 std::vector<JavaVM*> runningJvms() {
@@ -76,9 +112,8 @@ std::vector<JavaVM*> runningJvms() {
     if (library == nullptr) {
         return {};
     }
-    using GetCreatedJavaVMsFn = jint (*)(JavaVM**, jsize, jsize*);
-    const auto getCreated =
-        reinterpret_cast<GetCreatedJavaVMsFn>(dlsym(library, "JNI_GetCreatedJavaVMs"));
+    const auto getCreated = reinterpret_cast<jint (*)(JavaVM**, jsize, jsize*)>(
+        dlsym(library, "JNI_GetCreatedJavaVMs"));
     std::vector<JavaVM*> jvms(4, nullptr);
     jsize count = 0;
     getCreated(jvms.data(), static_cast<jsize>(jvms.size()), &count);
@@ -87,58 +122,7 @@ std::vector<JavaVM*> runningJvms() {
     return jvms;
 }
 
-jint threadAttachState(JavaVM* jvm) {
+jint attachState(JavaVM* jvm) {
     void* env = nullptr;
     return jvm->GetEnv(&env, JNI_VERSION_1_8);
-}
-
-Bytes sendAndRead(IReceiver* receiver, const Bytes& message) {
-    Bytes copy = message;
-    const int length = receiver->SendCommand(copy.data(), static_cast<int>(copy.size()));
-    Bytes reply(static_cast<std::size_t>(length), 0);
-    EXPECT_EQ(receiver->ReadResponse(reply.data(), length), 0);
-    return reply;
-}
-
-Bytes javaCommand(const std::string& payload) {
-    return makeMessage(2, 0, payload);
-}
-
-Bytes loadLibraryCommand(const std::string& path) {
-    return makeMessage(2, 1, path);
-}
-
-std::string runtimeInfo(IReceiver* receiver) {
-    std::string text;
-    std::thread reader([&text, receiver] {
-        unsigned char buffer[1];
-        text = failureOf([&buffer, receiver] { receiver->ReadResponse(buffer, 1); });
-    });
-    reader.join();
-    const std::string marker = "\nRUNTIME INFO:\n";
-    const auto at = text.find(marker);
-    EXPECT_NE(at, std::string::npos) << text;
-    return at == std::string::npos ? std::string() : text.substr(at + marker.size());
-}
-
-void setEnvironment(const char* name, const std::string& value) {
-    setenv(name, value.c_str(), 1);
-}
-
-std::vector<std::string> jvmOptions(IReceiver* receiver) {
-    const Bytes reply = sendAndRead(receiver, javaCommand("jvm-arguments"));
-    std::istringstream lines(std::string(reply.begin(), reply.end()));
-    std::vector<std::string> options;
-    for (std::string line; std::getline(lines, line);) {
-        options.push_back(line);
-    }
-    if (!options.empty() && options.front() == "-Xcheck:jni") {
-        options.erase(options.begin());
-    }
-    return options;
-}
-
-std::string libraryPathOption() {
-    return std::string("-Djava.library.path=") + OSTRELINK_JAVA_HOME +
-           "/lib:" + OSTRELINK_JAVA_HOME + "/jre/lib";
 }
