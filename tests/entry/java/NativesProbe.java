@@ -19,6 +19,10 @@ public final class NativesProbe {
 
     public static void main(String[] args) {
         try {
+            if (args[0].equals("foreignThread")) {
+                foreignThread(args[1].split(File.pathSeparator));
+                return;
+            }
             run(args[0], new File(args[1]));
             System.out.println("PASS " + args[0]);
             System.exit(0);
@@ -26,6 +30,30 @@ public final class NativesProbe {
             failure.printStackTrace(System.out);
             System.exit(1);
         }
+    }
+
+    private static native String echoFromForeignThread(String runtimeLibrary);
+
+    // A thread of another runtime, which the JVM has never seen, calls back into Java once and
+    // ends; then main returns and the JVM has to end by itself. A thread the library left attached
+    // as an ordinary thread would hold it up for ever: a daemon watchdog fails the case then.
+    private static void foreignThread(String[] libraries) {
+        getNativeError();
+        System.load(libraries[0]);
+        String failure = echoFromForeignThread(libraries[1]);
+        check(failure == null, "the foreign thread: " + failure);
+        System.out.println("PASS foreignThread");
+        Thread watchdog = new Thread(() -> {
+            try {
+                Thread.sleep(10000);
+            } catch (InterruptedException e) {
+                return;
+            }
+            System.out.println("FAIL foreignThread: the JVM still runs 10 s after main returned");
+            Runtime.getRuntime().halt(1);
+        });
+        watchdog.setDaemon(true);
+        watchdog.start();
     }
 
     private static void check(boolean condition, String what) {
