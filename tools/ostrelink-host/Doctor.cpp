@@ -172,9 +172,24 @@ std::string fixForCode(const std::string& code) {
     if (code == "022" || code == "024" || code == "025" || code == "026") {
         return "the runtime jar does not match this library: reinstall the installation";
     }
-    if (code.rfind("03", 0) == 0) {
-        return "the JVM refused to start: check OSTRELINK_JVM_OPTIONS and OSTRELINK_DEBUG_MODE, "
-               "and that the JVM library belongs to a whole JDK or JRE";
+    // JNI_CreateJavaVM failed: with extra options, one of them is the likeliest cause.
+    if (code >= "031" && code <= "036") {
+        const char* options = std::getenv("OSTRELINK_JVM_OPTIONS");
+        if (options != nullptr && *options != '\0') {
+            return "fix or drop the option of OSTRELINK_JVM_OPTIONS that the JVM names on "
+                   "standard error (an unknown option gives code 031, a bad -XX: option 036), "
+                   "or unset the variable";
+        }
+        return "the JVM refused to start: check OSTRELINK_DEBUG_MODE, and that the JVM library "
+               "belongs to a whole JDK or JRE";
+    }
+    if (code == "045") {
+        return "drop that option from OSTRELINK_JVM_OPTIONS: put jars on the class path with "
+               "load, and leave the JDWP agent to OSTRELINK_DEBUG_MODE";
+    }
+    if (code == "046") {
+        return "close the quote in OSTRELINK_JVM_OPTIONS: an option with spaces goes between a "
+               "pair of single or double quotes";
     }
     return "look the code up in docs/errors.md";
 }
