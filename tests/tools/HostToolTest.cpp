@@ -17,6 +17,7 @@
 #include "common/StageCopy.h"
 
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -303,6 +304,17 @@ TEST_F(HostTool, TheDoctorStopsAtTheFirstProblemWithWhatToDo) {
         EXPECT_THAT(done.out, AllOf(HasSubstr("doctor: problem: "), HasSubstr(problem),
                                     HasSubstr("doctor: fix: "), HasSubstr(fix),
                                     Not(HasSubstr("doctor: health check"))))
+            << done.out;
+    }
+    // A bad JVM option passes the health check and stops the start.
+    for (const auto& [options, code] :
+         {std::pair{"-Xfoo", "031"}, std::pair{"-cp /x", "045"}, std::pair{"'open", "046"}}) {
+        const ChildRun done = run({"doctor"}, {{"OSTRELINK_JVM_OPTIONS", options}});
+        EXPECT_EQ(done.status, 1) << options;
+        EXPECT_THAT(done.out,
+                    AllOf(HasSubstr("doctor: health check: ok"),
+                          HasSubstr(std::string("problem: JVM Launcher: Exception code ") + code),
+                          ContainsRegex("doctor: fix: [^\n]*OSTRELINK_JVM_OPTIONS")))
             << done.out;
     }
 }
