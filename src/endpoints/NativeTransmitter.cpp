@@ -149,28 +149,28 @@ std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(const unsigned char* message) {
-    std::ostringstream host;
+    std::uint64_t address = 0;
     for (int octet = 0; octet < 4; ++octet) {
-        if (octet != 0) {
-            host << '.';
-        }
-        host << static_cast<unsigned>(message[CommandHeader::hostAddress + octet]);
+        address = address << 8 | message[CommandHeader::hostAddress + octet];
     }
     const auto port = static_cast<unsigned short>(message[CommandHeader::hostPort] |
                                                   (message[CommandHeader::hostPort + 1] << 8));
-    const std::string key = host.str() + ":" + std::to_string(port);
 
     // One key is one channel whatever the type of the message that finds it: the first message
     // to a host and port decides between TCP and TLS for good.
-    auto found = m_networkChannels.find(key);
+    auto found = m_networkChannels.find(address << 16 | port);
     if (found == m_networkChannels.end()) {
+        std::ostringstream host;
+        for (int octet = 0; octet < 4; ++octet) {
+            host << (octet != 0 ? "." : "")
+                 << static_cast<unsigned>(message[CommandHeader::hostAddress + octet]);
+        }
         const bool useTls = message[CommandHeader::connectionType] ==
                             static_cast<unsigned char>(ConnectionType::Tls);
-        found =
-            m_networkChannels
-                .emplace(key, useTls ? std::make_shared<TransportNetwork>(host.str(), port, true)
-                                     : std::make_shared<TransportNetwork>(host.str(), port))
-                .first;
+        found = m_networkChannels
+                    .emplace(address << 16 | port,
+                             std::make_shared<TransportNetwork>(host.str(), port, useTls))
+                    .first;
     }
     return found->second;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,7 +78,8 @@ private:
     // Declared so that destruction releases m_threadChannels and m_transportChannel first, then
     // m_networkChannels, then m_inMemoryChannel.
     std::shared_ptr<Transport::TransportInMemory> m_inMemoryChannel;
-    std::map<std::string, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
+    // Keyed by address and port (address << 16 | port): finding a channel builds no text.
+    std::map<std::uint64_t, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
     std::shared_ptr<Interfaces::ITransport> m_transportChannel;
     std::map<std::thread::id, std::shared_ptr<Interfaces::ITransport>> m_threadChannels;
 
