@@ -53,11 +53,19 @@ ThreadJniEnv::~ThreadJniEnv() {
 }
 
 // Thread-local rather than keyed by thread id: the id of a thread that has ended is handed to
-// the next new thread, which must not get the old environment.
+// the next new thread, which must not get the old environment. Only an attachment of our own is
+// kept: a thread the host attached may be detached by the host between two commands, so its
+// environment is asked for every time.
 JNIEnv* getJniEnvForThread(JavaVM* jvm) {
     thread_local std::unique_ptr<ThreadJniEnv> ownEnv;
-    if (ownEnv == nullptr) {
-        ownEnv = std::make_unique<ThreadJniEnv>(jvm, ThreadJniEnv::Attach::AsDaemon);
+    if (ownEnv != nullptr) {
+        return ownEnv->m_jniEnv;
     }
+    JNIEnv* hostEnv = nullptr;
+    if (jvm != nullptr &&
+        jvm->GetEnv(reinterpret_cast<void**>(&hostEnv), JNI_VERSION_1_8) == JNI_OK) {
+        return hostEnv;
+    }
+    ownEnv = std::make_unique<ThreadJniEnv>(jvm, ThreadJniEnv::Attach::AsDaemon);
     return ownEnv->m_jniEnv;
 }

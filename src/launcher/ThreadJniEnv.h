@@ -26,6 +26,6 @@ private:
 
 // The environment of the calling thread for the rest of its life: a thread that is not attached
 // yet is attached as a daemon, so that it never keeps the JVM from exiting, and detached when it
-// ends. Later calls on the same thread give the same environment, whatever they pass; a JNIEnv*
-// is good on one thread only, so every thread gets its own.
+// ends. A thread attached by someone else gets its current environment and stays theirs to
+// detach. A JNIEnv* is good on one thread only, so every thread gets its own.
 JNIEnv* getJniEnvForThread(JavaVM* jvm);
