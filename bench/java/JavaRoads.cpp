@@ -1,7 +1,9 @@
 // The inbound roads to Java, each beside the same JNI road written by hand, in one process with
 // one JVM: the library starts the JVM, and the hand-written road finds it and calls the same
 // static method. The benchmarks run on a thread of their own, which the JVM has never seen; a
-// benchmark that wants an attached thread attaches it for its own length.
+// benchmark that wants an attached thread attaches it for its own length. The kept-attached road
+// needs OSTRELINK_KEEP_THREADS_ATTACHED, which the library reads once per process: the program
+// runs that road in a second process of its own, beside the attached road again.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -109,6 +111,21 @@ void neverSeenByHand(benchmark::State& state) {
     });
 }
 
+// A thread the library attached and keeps: the first command attaches it, outside the timing.
+void keptOurs(benchmark::State& state) {
+    guarded(state, [&] {
+        Bytes message = echoMessage(32);
+        Bytes reply(message.size());
+        roundTrip(*roads.receiver, message, reply);
+        if (!isAttached(roads.jvm)) {
+            throw std::runtime_error("the library did not keep the thread attached");
+        }
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(roundTrip(*roads.receiver, message, reply));
+        }
+    });
+}
+
 void throughputOurs(benchmark::State& state) {
     guarded(state, [&] {
         const ScopedAttach attach(roads.jvm);
@@ -135,6 +152,11 @@ void throughputByHand(benchmark::State& state) {
 }
 
 void registerBenchmarks() {
+    if (keptMode()) {
+        benchmark::RegisterBenchmark("kept_thread/ours", keptOurs);
+        benchmark::RegisterBenchmark("java_echo/ours/32", echoOurs, 32);
+        return;
+    }
     benchmark::RegisterBenchmark("health_check/ours", healthCheck);
     for (const int size : echoSizes) {
         const std::string suffix = "/" + std::to_string(size);
@@ -155,6 +177,19 @@ void registerBenchmarks() {
     }
 }
 
+void printKeptRow(const Summary& summary) {
+    const auto kept = summary.nanoseconds("kept_thread/ours");
+    const auto attached = summary.nanoseconds("java_echo/ours/32");
+    const auto ratio = divide(kept, attached);
+    tableRow("Java echo 32 B on a kept-attached thread, after its first command",
+             formatNanoseconds(kept), formatNanoseconds(attached) + " (ours, attached thread)",
+             formatRatio(ratio), "≤ 1.3", verdict(ratio, ratio && *ratio <= 1.3));
+    const std::string failure = summary.error("kept_thread/ours");
+    if (!failure.empty()) {
+        std::cerr << "kept_thread/ours failed: " << failure << std::endl;
+    }
+}
+
 void printTable(const Summary& summary) {
     const auto health = summary.nanoseconds("health_check/ours");
     tableRow("Health check", formatNanoseconds(health), "none (absolute)", "–", "report",
@@ -164,12 +199,12 @@ void printTable(const Summary& summary) {
         const auto ours = summary.nanoseconds("java_echo/ours" + suffix);
         const auto byHand = summary.nanoseconds("java_echo/by_hand" + suffix);
         const auto ratio = divide(ours, byHand);
-        const bool hasGoal = size == 32;
+        const double goal = size == 32 ? 1.15 : size == 1024 ? 1.1 : 0;
         tableRow("Java echo " + sizeName(size) + ", attached thread", formatNanoseconds(ours),
                  formatNanoseconds(byHand) + " (JNI road by hand)", formatRatio(ratio),
-                 hasGoal ? "≤ 1.3" : "report",
-                 hasGoal ? verdict(ratio, ratio && *ratio <= 1.3)
-                         : (ratio ? "reported" : "not measured"));
+                 goal > 0 ? "≤ " + formatRatio(goal) : "report",
+                 goal > 0 ? verdict(ratio, ratio && *ratio <= goal)
+                          : (ratio ? "reported" : "not measured"));
     }
     {
         const auto ours = summary.nanoseconds("never_seen_thread/ours");
@@ -186,15 +221,24 @@ void printTable(const Summary& summary) {
         const auto byHand = summary.counter("throughput/by_hand", "items_per_second", threads);
         const auto scaling = divide(ours, oneThread);
         const auto byHandScaling = divide(byHand, oneThreadByHand);
-        const bool hasGoal = threads == 2;
+        // Two threads against the hand-written road's own scaling in this run; more threads than
+        // cores must at least not lose work.
+        const auto ofByHand = divide(scaling, byHandScaling);
+        std::string goal = "report";
+        std::string met = scaling ? "reported" : "not measured";
+        if (threads == 2) {
+            goal = "≥ 0.9 × by hand's scaling";
+            met = verdict(ofByHand, ofByHand && *ofByHand >= 0.9);
+        } else if (threads > 2) {
+            goal = "≥ 1.0× 1 thread";
+            met = verdict(scaling, scaling && *scaling >= 1.0);
+        }
         tableRow(
             "Throughput, " + std::to_string(threads) + " host thread" + (threads > 1 ? "s" : ""),
             formatRate(ours),
             formatRate(oneThread) + " (ours, 1 thread); by hand " + formatRate(byHand) + ", " +
                 formatRatio(byHandScaling) + "×",
-            formatRatio(scaling) + "×", hasGoal ? "≥ 1.7× 1 thread" : "report",
-            hasGoal ? verdict(scaling, scaling && *scaling >= 1.7)
-                    : (scaling ? "reported" : "not measured"));
+            formatRatio(scaling) + "× (" + formatRatio(ofByHand) + " of by hand's)", goal, met);
     }
     for (const char* name :
          {"health_check/ours", "java_echo/ours/32", "never_seen_thread/ours", "throughput/ours"}) {
@@ -238,6 +282,11 @@ int main(int argc, char** argv) {
     Summary summary;
     std::thread runner([&summary] { benchmark::RunSpecifiedBenchmarks(&summary); });
     runner.join();
+    if (keptMode()) {
+        printKeptRow(summary);
+        return 0;
+    }
     printTable(summary);
-    return 0;
+    // The same flags: initializeBenchmarks leaves argv as it was.
+    return runKeptMode(argc, argv);
 }

@@ -2,7 +2,9 @@
 // up, and across a long run of Java echo commands after a warm-up, beside the same run on the
 // hand-written JNI road in the same process. A second run sends from threads the JVM has never
 // seen, which attach and detach on every command. Besides the resident size it watches the bytes
-// in use on the native heap (mallinfo2), where a leak of the library would show first.
+// in use on the native heap (mallinfo2), where a leak of the library would show first. A second
+// process with threads kept attached runs many short-lived threads of one command each, which the
+// library attaches and must detach as they end.
 //
 // The Java heap is fixed (JAVA_TOOL_OPTIONS, unless the caller sets it), so that the warm-up
 // touches all of it: with the JVM's default heap of a quarter of the machine's memory, resident
@@ -97,13 +99,75 @@ bool noGrowth(const Growth& value) {
     return value.resident <= allowedGrowthMiB && value.nativeHeap <= allowedGrowthMiB;
 }
 
+// Each command on a thread of its own, which ends after it; the baseline attaches, calls and
+// detaches by hand.
+int keptThreads(long threads) {
+    try {
+        IReceiver* receiver = calledReceiver();
+        const Bytes message = echoMessage(32);
+        Bytes first = message;
+        Bytes firstReply(first.size());
+        roundTrip(*receiver, first, firstReply);  // starts the JVM on this thread
+        JavaVM* jvm = runningJvm();
+        const ScopedAttach attach(jvm);
+        const HandRoad hand(attach.env());
+        const auto onNewThread = [](const std::function<void()>& command) {
+            return [command] {
+                std::exception_ptr failure;
+                std::thread([&] {
+                    try {
+                        command();
+                    } catch (...) {
+                        failure = std::current_exception();
+                    }
+                }).join();
+                if (failure) {
+                    std::rethrow_exception(failure);
+                }
+            };
+        };
+        const auto ours = onNewThread([&] {
+            Bytes own = message;
+            Bytes reply(own.size());
+            roundTrip(*receiver, own, reply);
+        });
+        const auto byHand = onNewThread([&] {
+            const ScopedAttach attachOnce(jvm);
+            Bytes reply(message.size());
+            hand.call(attachOnce.env(), message.data(), static_cast<int>(message.size()),
+                      reply.data(), static_cast<int>(reply.size()));
+        });
+        run(threads, "warm-up, kept threads, library", ours);
+        const Footprint start = footprint();
+        const Growth oursGrowth =
+            growth(start, run(threads, "measured, kept threads, library", ours));
+        run(threads, "warm-up, threads by hand", byHand);
+        const Footprint handStart = footprint();
+        const Growth handGrowth =
+            growth(handStart, run(threads, "measured, threads by hand", byHand));
+        tableRow("Memory: growth over " + std::to_string(threads) +
+                     " short-lived threads kept attached (one command each, "
+                     "OSTRELINK_KEEP_THREADS_ATTACHED=true) after as many to warm up",
+                 describe(oursGrowth),
+                 "hand-written attach, road, detach on as many threads " + describe(handGrowth),
+                 "–", "no growth after warm-up (≤ 1 MiB)", noGrowth(oursGrowth) ? "met" : "missed");
+    } catch (const std::exception& failure) {
+        std::cerr << "Memory, kept threads: " << failure.what() << std::endl;
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     setenv("JAVA_TOOL_OPTIONS", "-Xms64m -Xmx64m", 0);
     const bool quick = quickMode();
     const long commands = quick ? 20000 : 1000000;
     const long neverSeen = quick ? 200 : 10000;
+    if (keptMode()) {
+        return keptThreads(neverSeen);
+    }
     const Footprint before = footprint();
     try {
         IReceiver* receiver = calledReceiver();
@@ -177,5 +241,5 @@ int main() {
         std::cerr << "Memory: " << failure.what() << std::endl;
         return 1;
     }
-    return 0;
+    return runKeptMode(argc, argv);
 }

@@ -1,9 +1,14 @@
 #include "support/StagedRuntime.h"
 
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <iostream>
 #include <stdexcept>
 
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
 #include "common/Messages.h"
 
@@ -36,4 +41,25 @@ int roundTrip(IReceiver& receiver, Bytes& message, Bytes& reply) {
     }
     receiver.ReadResponse(reply.data(), length);
     return length;
+}
+
+bool keptMode() {
+    return std::getenv("OSTRELINK_KEEP_THREADS_ATTACHED") != nullptr;
+}
+
+int runKeptMode(int argc, char** argv) {
+    ChildProcess::Options options;
+    options.captureStdout = true;
+    options.environment = {"OSTRELINK_KEEP_THREADS_ATTACHED=true"};
+    ChildProcess child("/proc/self/exe", std::vector<std::string>(argv + 1, argv + argc), options);
+    try {
+        for (;;) {
+            std::cout << child.readLine(900000) << '\n';
+        }
+    } catch (const std::runtime_error&) {
+        // the end of its output
+    }
+    std::cout.flush();
+    const int status = child.wait();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
 }

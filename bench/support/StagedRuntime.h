@@ -19,3 +19,10 @@ Bytes echoMessage(int length, unsigned char targetRuntime = 2);
 // SendCommand and ReadResponse on the calling thread; returns the reply length. Throws if the
 // reply does not fit reply.
 int roundTrip(Ostrelink::Native::Interfaces::IReceiver& receiver, Bytes& message, Bytes& reply);
+
+// OSTRELINK_KEEP_THREADS_ATTACHED is read once per process, so the roads that keep threads
+// attached run in a second process of the same program with the variable set.
+bool keptMode();
+// Runs this program again with the variable set and the same arguments, its standard output
+// passed on; returns its exit status.
+int runKeptMode(int argc, char** argv);
