@@ -20,20 +20,35 @@ public:
     virtual void writeGathered(const unsigned char* head, std::size_t headSize,
                                const unsigned char* data, std::size_t size, int timeoutMs) = 0;
     virtual const Socket& socket() const = 0;
+    // Whether bytes were read from the socket that no read has taken yet: a connection that
+    // holds some is out of step with its peer.
+    virtual bool holdsUnreadBytes() const { return false; }
 };
 
-// A plain TCP stream. Writes never raise SIGPIPE.
+// A plain TCP stream. Writes never raise SIGPIPE. The socket blocks, with the time-out set on
+// it (SO_RCVTIMEO, SO_SNDTIMEO) rather than a poll before each call, and reads go through a small
+// buffer, so that a small frame's length and payload come in one system call.
 class PlainChannel : public ByteChannel {
 public:
-    explicit PlainChannel(Socket socket) : m_socket(std::move(socket)) {}
+    // Throws StreamError (Io) if the socket can't be made blocking.
+    explicit PlainChannel(Socket socket);
     std::size_t readSome(unsigned char* buffer, std::size_t size, int timeoutMs) override;
     void writeAll(const unsigned char* data, std::size_t size, int timeoutMs) override;
     void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
                        std::size_t size, int timeoutMs) override;
     const Socket& socket() const override { return m_socket; }
+    bool holdsUnreadBytes() const override { return m_begin < m_end; }
 
 private:
+    // Sets both time-outs when they differ from the last ones set.
+    void useTimeout(int timeoutMs);
+    std::size_t receive(unsigned char* buffer, std::size_t size, int timeoutMs);
+
     Socket m_socket;
+    int m_timeoutMs = -1;
+    unsigned char m_buffer[4096];
+    std::size_t m_begin = 0;
+    std::size_t m_end = 0;
 };
 
 }  // namespace Ostrelink::Network

@@ -1,8 +1,11 @@
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "ByteChannel.h"
@@ -19,22 +22,57 @@ StreamError timedOut(int timeoutMs) {
 
 }  // namespace
 
-std::size_t PlainChannel::readSome(unsigned char* buffer, std::size_t size, int timeoutMs) {
+PlainChannel::PlainChannel(Socket socket) : m_socket(std::move(socket)) {
+    const int flags = ::fcntl(m_socket.fd(), F_GETFL);
+    if (flags < 0 || ::fcntl(m_socket.fd(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        throw StreamError(StreamFailure::Io,
+                          "cannot make the socket blocking: " + errnoText(errno));
+    }
+}
+
+void PlainChannel::useTimeout(int timeoutMs) {
+    if (timeoutMs == m_timeoutMs) {
+        return;
+    }
+    // Zero would mean no time-out at all.
+    const int ms = std::max(timeoutMs, 1);
+    const timeval limit{ms / 1000, (ms % 1000) * 1000};
+    if (::setsockopt(m_socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
+        ::setsockopt(m_socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
+        throw StreamError(StreamFailure::Io, "cannot set the time-out: " + errnoText(errno));
+    }
+    m_timeoutMs = timeoutMs;
+}
+
+std::size_t PlainChannel::receive(unsigned char* buffer, std::size_t size, int timeoutMs) {
+    useTimeout(timeoutMs);
     for (;;) {
         const ssize_t got = ::recv(m_socket.fd(), buffer, size, 0);
         if (got >= 0) {
             return static_cast<std::size_t>(got);
         }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            throw StreamError(StreamFailure::Io, "receive failed: " + errnoText(errno));
-        }
-        if (!waitFor(m_socket.fd(), POLLIN, timeoutMs)) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
             throw timedOut(timeoutMs);
         }
+        if (errno != EINTR) {
+            throw StreamError(StreamFailure::Io, "receive failed: " + errnoText(errno));
+        }
     }
+}
+
+std::size_t PlainChannel::readSome(unsigned char* buffer, std::size_t size, int timeoutMs) {
+    if (m_begin == m_end) {
+        // A read as large as the buffer gains nothing from it.
+        if (size >= sizeof(m_buffer)) {
+            return receive(buffer, size, timeoutMs);
+        }
+        m_begin = 0;
+        m_end = receive(m_buffer, sizeof(m_buffer), timeoutMs);
+    }
+    const std::size_t count = std::min(size, m_end - m_begin);
+    std::memcpy(buffer, m_buffer + m_begin, count);
+    m_begin += count;
+    return count;
 }
 
 void PlainChannel::writeAll(const unsigned char* data, std::size_t size, int timeoutMs) {
@@ -49,6 +87,7 @@ void PlainChannel::writeGathered(const unsigned char* head, std::size_t headSize
     message.msg_iov = parts;
     message.msg_iovlen = 2;
     bool anySent = false;
+    useTimeout(timeoutMs);
     // sendmsg rather than writev: only the former takes MSG_NOSIGNAL.
     while (message.msg_iovlen > 0) {
         ssize_t sent = ::sendmsg(m_socket.fd(), &message, MSG_NOSIGNAL);
@@ -69,15 +108,13 @@ void PlainChannel::writeGathered(const unsigned char* head, std::size_t headSize
         if (errno == EINTR) {
             continue;
         }
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            const bool gone = errno == EPIPE || errno == ECONNRESET;
-            throw StreamError(!anySent && gone ? StreamFailure::Unsent : StreamFailure::Io,
-                              "send failed: " + errnoText(errno));
-        }
-        if (!waitFor(m_socket.fd(), POLLOUT, timeoutMs)) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
             throw StreamError(StreamFailure::TimedOut,
                               "the peer took no data within " + std::to_string(timeoutMs) + " ms");
         }
+        const bool gone = errno == EPIPE || errno == ECONNRESET;
+        throw StreamError(!anySent && gone ? StreamFailure::Unsent : StreamFailure::Io,
+                          "send failed: " + errnoText(errno));
     }
 }
 

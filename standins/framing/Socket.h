@@ -4,8 +4,9 @@
 
 namespace Ostrelink::Network {
 
-// Owns one socket descriptor. Every socket made here is non-blocking and close-on-exec: all
-// waiting is done with poll() against a time-out, never inside a blocking call.
+// Owns one socket descriptor. Every socket made here is close-on-exec and starts non-blocking,
+// so that connecting and the TLS handshake wait with poll() against a time-out; a plain channel
+// then makes its socket block with time-outs of the socket's own.
 class Socket {
 public:
     Socket() = default;

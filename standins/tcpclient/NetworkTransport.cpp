@@ -85,6 +85,10 @@ std::unique_ptr<ByteChannel> NetworkTransport::openConnection() {
 }
 
 void NetworkTransport::keepConnection(std::unique_ptr<ByteChannel> connection) {
+    // Bytes after the reply would pass for the start of the next one.
+    if (connection->holdsUnreadBytes()) {
+        return;
+    }
     std::lock_guard<std::mutex> lock(m_idleMutex);
     if (m_idle.size() < maxIdleConnections) {
         m_idle.push_back({std::move(connection), std::chrono::steady_clock::now()});
