@@ -14,7 +14,7 @@ namespace {
 
 // Idle connections kept for reuse; more concurrent commands than this open extra connections,
 // which are closed after use.
-constexpr std::size_t maxIdleConnections = 8;
+constexpr std::size_t maxIdleConnections = 32;
 
 // An idle connection is checked for a close by the server (one poll) only after this long;
 // one used more recently goes straight to the write, and a close found after the request went
