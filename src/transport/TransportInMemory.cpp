@@ -67,10 +67,15 @@ TransportInMemory::~TransportInMemory() {
 
 int TransportInMemory::Initialize(unsigned char callingRuntime, unsigned char calledRuntime,
                                   unsigned char runtimeVersion) {
+    const std::uint32_t readyKey = (callingRuntime | calledRuntime << 8) + 1U;
+    if (m_readyPair.load(std::memory_order_acquire) == readyKey) {
+        return 0;
+    }
     std::lock_guard<std::mutex> lock(initializationMutex);
     const std::pair<unsigned char, unsigned char> pair{callingRuntime, calledRuntime};
     if ((m_libraries[callingRuntime] != nullptr || m_failedCallingHalves.count(pair) != 0) &&
         m_libraries[calledRuntime] != nullptr) {
+        m_readyPair.store(readyKey, std::memory_order_release);
         return 0;
     }
     m_lastPair.store(

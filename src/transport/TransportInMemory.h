@@ -94,6 +94,10 @@ private:
     // Pairs (calling, called) whose called half is set up and whose calling half failed. Under
     // initializationMutex.
     std::set<std::pair<unsigned char, unsigned char>> m_failedCallingHalves;
+    // The last pair that Initialize found set up, as calling | called << 8, plus one (0: none).
+    // A pair once set up stays so, so a message of that pair passes Initialize with one load
+    // and no lock.
+    std::atomic<std::uint32_t> m_readyPair{0};
 };
 
 }  // namespace Ostrelink::Native::Transport
