@@ -83,6 +83,8 @@ SslContext makeSslContext(bool server) {
         throw StreamError(StreamFailure::Tls, "cannot create a TLS context: " + takeTlsErrors());
     }
     SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+    // A record's header and body in one recv, rather than one for each.
+    SSL_CTX_set_read_ahead(context.get(), 1);
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
     SSL_CTX_set_options(context.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
 #endif
