@@ -1,5 +1,6 @@
 #include "endpoints/NativeTransmitter.h"
 
+#include <atomic>
 #include <sstream>
 #include <utility>
 
@@ -22,6 +23,37 @@ namespace {
 
 constexpr int shortestMessage = CommandHeader::size;
 
+std::atomic<std::uint64_t> transmittersMade{0};
+
+// The route of a message: the in-memory channel, or a network channel by address and port
+// (address << 16 | port). An installed channel has no route that a message could name.
+constexpr std::uint64_t inMemoryRoute = ~std::uint64_t{0};
+constexpr std::uint64_t installedRoute = ~std::uint64_t{0} - 1;
+
+std::uint64_t routeOf(const unsigned char* message) {
+    if (message[CommandHeader::connectionType] ==
+        static_cast<unsigned char>(ConnectionType::InMemory)) {
+        return inMemoryRoute;
+    }
+    std::uint64_t address = 0;
+    for (int octet = 0; octet < 4; ++octet) {
+        address = address << 8 | message[CommandHeader::hostAddress + octet];
+    }
+    const auto port = static_cast<unsigned short>(message[CommandHeader::hostPort] |
+                                                  (message[CommandHeader::hostPort + 1] << 8));
+    return address << 16 | port;
+}
+
+// The calling thread's own entry of the transmitter it used last, mirrored: only the thread
+// itself changes its entry, so while it lives the entry holds the channel and the mirror can be
+// read without the lock.
+struct ThreadChannel {
+    std::uint64_t transmitterId = 0;
+    std::uint64_t route = 0;
+    ITransport* channel = nullptr;
+};
+thread_local ThreadChannel threadChannel;
+
 bool isKnownConnectionType(unsigned char connectionType) {
     return connectionType <= static_cast<unsigned char>(ConnectionType::Tls);
 }
@@ -36,7 +68,7 @@ void refuseWithoutHeader(const unsigned char* message, int length) {
 }  // namespace
 
 NativeTransmitter::NativeTransmitter(Definitions::RuntimeOperationMode mode)
-    : m_operationMode(mode) {}
+    : m_id(transmittersMade.fetch_add(1) + 1), m_operationMode(mode) {}
 
 NativeTransmitter::~NativeTransmitter() = default;
 
@@ -46,12 +78,15 @@ int NativeTransmitter::SendCommand(unsigned char* message, int length) {
             "Message byte array length is less than " + std::to_string(shortestMessage), "Unknown");
     }
     refuseWithoutHeader(message, length);
-    // The channel is held by this call: another thread may make a different one current
-    // meanwhile, and this message still goes where its own header pointed.
+    // Another thread may make a different channel current meanwhile, and this message still
+    // goes where its own header pointed.
     return selectAndInitialize(message).channel->SendCommand(message, length);
 }
 
 int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
+    if (threadChannel.transmitterId == m_id) {
+        return threadChannel.channel->ReadResponse(buffer, length);
+    }
     std::shared_ptr<ITransport> channel;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -99,12 +134,22 @@ int NativeTransmitter::InitializeTransportChannel(unsigned char* message) {
     return selectAndInitialize(message).initialized;
 }
 
+// A message's channel is the in-memory one or a network one, and neither goes before the
+// transmitter does: a plain pointer is enough. When it already is the current channel and the
+// thread's, selecting it changes nothing, and no lock is taken.
 NativeTransmitter::Selected NativeTransmitter::selectAndInitialize(unsigned char* message) {
-    std::shared_ptr<ITransport> channel = GetTransportChannel(message);
+    if (!isKnownConnectionType(message[CommandHeader::connectionType])) {
+        Failures::raise(Failures::Failure::UnknownConnectionType);
+    }
+    ITransport* channel = threadChannel.channel;
+    if (threadChannel.transmitterId != m_id || threadChannel.route != routeOf(message) ||
+        m_currentChannel.load(std::memory_order_acquire) != channel) {
+        channel = makeCurrent(nullptr, message).get();
+    }
     const int initialized = channel->Initialize(message[CommandHeader::callingRuntime],
                                                 message[CommandHeader::targetRuntime],
                                                 message[CommandHeader::runtimeVersion]);
-    return {std::move(channel), initialized};
+    return {channel, initialized};
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::makeCurrent(std::shared_ptr<ITransport> installed,
@@ -114,20 +159,23 @@ std::shared_ptr<ITransport> NativeTransmitter::makeCurrent(std::shared_ptr<ITran
     std::shared_ptr<ITransport> replacedCurrent;
     std::shared_ptr<ITransport> replacedOfThread;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::shared_ptr<ITransport> channel =
-        installed ? std::move(installed)
-        : message == nullptr || message[CommandHeader::connectionType] ==
-                                    static_cast<unsigned char>(ConnectionType::InMemory)
-            ? inMemoryChannelLocked()
-            : networkChannelLocked(message);
+    const std::uint64_t route = installed            ? installedRoute
+                                : message == nullptr ? inMemoryRoute
+                                                     : routeOf(message);
+    std::shared_ptr<ITransport> channel = installed ? std::move(installed)
+                                          : route == inMemoryRoute
+                                              ? inMemoryChannelLocked()
+                                              : networkChannelLocked(route, message);
     // A thread that sends again on its channel changes nothing: no exchange, no count traffic.
     if (m_transportChannel != channel) {
         replacedCurrent = std::exchange(m_transportChannel, channel);
+        m_currentChannel.store(channel.get(), std::memory_order_release);
     }
     std::shared_ptr<ITransport>& ofThread = m_threadChannels[std::this_thread::get_id()];
     if (ofThread != channel) {
         replacedOfThread = std::exchange(ofThread, channel);
     }
+    threadChannel = {m_id, route, channel.get()};
     return channel;
 }
 
@@ -138,7 +186,7 @@ std::shared_ptr<ITransport> NativeTransmitter::CreateInMemoryTransportChannel() 
 
 std::shared_ptr<ITransport> NativeTransmitter::CreateNetworkChannel(unsigned char* message) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return networkChannelLocked(message);
+    return networkChannelLocked(routeOf(message), message);
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
@@ -148,17 +196,11 @@ std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
     return m_inMemoryChannel;
 }
 
-std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(const unsigned char* message) {
-    std::uint64_t address = 0;
-    for (int octet = 0; octet < 4; ++octet) {
-        address = address << 8 | message[CommandHeader::hostAddress + octet];
-    }
-    const auto port = static_cast<unsigned short>(message[CommandHeader::hostPort] |
-                                                  (message[CommandHeader::hostPort + 1] << 8));
-
-    // One key is one channel whatever the type of the message that finds it: the first message
+std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(std::uint64_t route,
+                                                                    const unsigned char* message) {
+    // One route is one channel whatever the type of the message that finds it: the first message
     // to a host and port decides between TCP and TLS for good.
-    auto found = m_networkChannels.find(address << 16 | port);
+    auto found = m_networkChannels.find(route);
     if (found == m_networkChannels.end()) {
         std::ostringstream host;
         for (int octet = 0; octet < 4; ++octet) {
@@ -167,9 +209,9 @@ std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(const unsign
         }
         const bool useTls = message[CommandHeader::connectionType] ==
                             static_cast<unsigned char>(ConnectionType::Tls);
+        const auto port = static_cast<unsigned short>(route & 0xFFFF);
         found = m_networkChannels
-                    .emplace(address << 16 | port,
-                             std::make_shared<TransportNetwork>(host.str(), port, useTls))
+                    .emplace(route, std::make_shared<TransportNetwork>(host.str(), port, useTls))
                     .first;
     }
     return found->second;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -27,7 +28,10 @@ namespace Ostrelink::Native::Transmitter {
 // never looked for on a channel that another thread picked in between; a thread that never
 // selected reads from the transmitter's current channel, m_transportChannel. The record keeps one
 // entry per thread id that ever sent; the system reuses the ids of ended threads, so it grows
-// with the peak number of sending threads, not with the number of messages.
+// with the peak number of sending threads, not with the number of messages. Only a thread itself
+// changes its entry, so it keeps a thread-local mirror of the entry of the transmitter it used
+// last: a message whose channel already is the thread's and the current one, and the read after
+// it, take no lock.
 class NativeTransmitter : public Interfaces::ITransmitter {
 public:
     explicit NativeTransmitter(Definitions::RuntimeOperationMode mode);
@@ -60,7 +64,8 @@ public:
 private:
     // Both with m_mutex held.
     std::shared_ptr<Interfaces::ITransport> inMemoryChannelLocked();
-    std::shared_ptr<Interfaces::ITransport> networkChannelLocked(const unsigned char* message);
+    std::shared_ptr<Interfaces::ITransport> networkChannelLocked(std::uint64_t route,
+                                                                 const unsigned char* message);
     // The one way a channel becomes current, for the transmitter and the calling thread: the
     // installed one if given, else the channel of message's header, else (no message) the
     // in-memory one. What it replaces is released after unlocking.
@@ -69,11 +74,13 @@ private:
     // The one path of a message: GetTransportChannel, then the channel's Initialize with header
     // bytes 9, 0, 1 (calling, target as the called runtime, version).
     struct Selected {
-        std::shared_ptr<Interfaces::ITransport> channel;
+        Interfaces::ITransport* channel;
         int initialized;
     };
     Selected selectAndInitialize(unsigned char* message);
 
+    // Tells this transmitter's entries in the threads' mirrors from those of an earlier one.
+    const std::uint64_t m_id;
     std::mutex m_mutex;
     // Declared so that destruction releases m_threadChannels and m_transportChannel first, then
     // m_networkChannels, then m_inMemoryChannel.
@@ -81,6 +88,8 @@ private:
     // Keyed by address and port (address << 16 | port): finding a channel builds no text.
     std::map<std::uint64_t, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
     std::shared_ptr<Interfaces::ITransport> m_transportChannel;
+    // m_transportChannel's object, for the check without the lock.
+    std::atomic<Interfaces::ITransport*> m_currentChannel{nullptr};
     std::map<std::thread::id, std::shared_ptr<Interfaces::ITransport>> m_threadChannels;
 
 protected:
