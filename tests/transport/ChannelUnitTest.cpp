@@ -9,11 +9,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <exception>
 #include <filesystem>
+#include <functional>
 #include <string>
-#include <vector>
 
 // The library's own headers, not the installed copies: the two must not meet in one unit.
 #include "common/Calls.h"
@@ -27,11 +25,9 @@ using Ostrelink::Native::Interfaces::CreateReceiverFn;
 using Ostrelink::Native::Interfaces::IReceiver;
 using Ostrelink::Native::Transport::TransportInMemory;
 using Ostrelink::Native::Transport::TransportNetwork;
-using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned char jvm = 2;
 constexpr unsigned char cpp = 8;
@@ -41,74 +37,62 @@ std::string cppPath() {
            "/libOstrelinkCppRuntimeNative.so";
 }
 
-// A message of 24 + query bytes: header, zeros, then the query as payloadText.
-Bytes message(unsigned char target, const std::string& query, unsigned char calling = jvm) {
-    Bytes bytes(24 + query.size(), 0);
-    bytes[0] = target;
-    bytes[9] = calling;
-    std::copy(query.begin(), query.end(), bytes.begin() + 24);
-    return bytes;
-}
-
 bool cppLoaded() {
     void* handle = dlopen(cppPath().c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle != nullptr) {
-        dlclose(handle);
-    }
-    return handle != nullptr;
+    return handle != nullptr && dlclose(handle) == 0;
 }
 
 Bytes ask(TransportInMemory& channel, const std::string& query) {
-    return payloadOf(sendAndRead(&channel, message(cpp, query), cpp));
+    return payloadOf(sendAndRead(&channel, makeMessage(cpp, 0, query, jvm), cpp));
 }
 
-TEST(ChannelUnit, HeartBeatToTheCalledRuntimeCarriesTheVersion) {
+// A heartbeat carries the version to the called runtime, zero to the calling one;
+// SetEmbeddedRuntime passes the version it is given. One library, opened once; the called half
+// made both objects with mode 1.
+TEST(ChannelUnit, HeartBeatsAndTheEmbeddedRuntimeReachTheCppRuntime) {
     TransportInMemory channel;
     EXPECT_FALSE(cppLoaded());
     channel.Initialize(jvm, cpp, 3);
     testing::internal::CaptureStdout();
     channel.SendHeartBeatToCalledRuntime();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "SendHeartBeatToCalledRuntime\n");
     EXPECT_EQ(ask(channel, "heartbeat"), (Bytes{cpp, 3, 0, 0, 0, 0, 0, 0, 0, jvm, 11, 0x31, 0x32}));
-}
-
-TEST(ChannelUnit, HeartBeatToTheCallingRuntimeCarriesZeroVersion) {
-    TransportInMemory channel;
-    channel.Initialize(cpp, cpp, 5);
-    testing::internal::CaptureStdout();
-    channel.SendHeartBeatToCallingRuntime();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "SendHeartBeatToCallingRuntime\n");
-    EXPECT_EQ(ask(channel, "heartbeat"), (Bytes{cpp, 0, 0, 0, 0, 0, 0, 0, 0, cpp, 11, 0x31, 0x32}));
-    // One library, opened once; the called half made both objects with mode 1.
     EXPECT_EQ(ask(channel, "factories"), (Bytes{1, 1, 1, 1}));
-}
-
-TEST(ChannelUnit, EveryRoadThroughAnEmptyEntryGives019) {
-    TransportInMemory channel;
-    Bytes hello = message(cpp, "hello");
-    const std::string receiverText =
-        "Ostrelink Native Exception: Exception code 019. \nNo receiver of runtime Cpp is set up "
-        "on the in-memory channel";
-    EXPECT_EQ(failureOf([&] { channel.SendCommand(hello.data(), 29); }), receiverText);
-    EXPECT_EQ(failureOf([&] { channel.ReadResponse(hello.data(), 29); }), receiverText);
-    EXPECT_THAT(failureOf([&] { channel.SendHeartBeatToCalledRuntime(); }),
-                HasSubstr("Exception code 019"));
-    EXPECT_THAT(failureOf([&] { channel.DeployRuntime(hello.data(), 29, "", 0); }),
-                HasSubstr("No transmitter of runtime Unknown"));
-    EXPECT_FALSE(cppLoaded());
-}
-
-TEST(ChannelUnit, SetEmbeddedRuntimeGoesToTheCalledRuntimeWithItsVersion) {
-    TransportInMemory channel;
-    channel.Initialize(jvm, cpp, 0);
     EXPECT_EQ(channel.SetEmbeddedRuntime(9, 9, 6, "/srv"), 1);
     EXPECT_EQ(ask(channel, "embedded"), (Bytes{6, '/', 's', 'r', 'v'}));
+    TransportInMemory both;
+    both.Initialize(cpp, cpp, 5);
+    both.SendHeartBeatToCallingRuntime();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "SendHeartBeatToCalledRuntime\nSendHeartBeatToCallingRuntime\n");
+    EXPECT_EQ(ask(both, "heartbeat"), (Bytes{cpp, 0, 0, 0, 0, 0, 0, 0, 0, cpp, 11, 0x31, 0x32}));
 }
 
-// The channel's objects are the sibling library's own singletons: destroying the channel must
-// leave them, and the library, alive for whoever else holds them. The test holds no handle of
-// its own, so only the channel's keeps the library loaded.
-TEST(ChannelUnit, DestroyingTheChannelLeavesTheSiblingsObjectsAlive) {
+// Every road through an empty entry gives 019 and loads nothing; a network channel before its
+// Initialize gives 013. The channel's objects are the sibling library's own singletons:
+// destroying the channel must leave them, and the library, alive for whoever else holds them.
+// The test holds no handle of its own, so only the channel's keeps the library loaded.
+TEST(ChannelUnit, EmptyEntriesThenADestroyedChannelLeavesTheSiblingsObjectsAlive) {
+    Bytes hello = makeMessage(cpp, 0, "hello", jvm);
+    {
+        TransportInMemory channel;
+        TransportNetwork network("127.0.0.1", 9000);
+        const std::pair<std::function<void()>, const char*> failures[] = {
+            {[&] { channel.SendCommand(hello.data(), 29); },
+             "019. \nNo receiver of runtime Cpp is set up on the in-memory channel"},
+            {[&] { channel.SendHeartBeatToCalledRuntime(); },
+             "019. \nNo receiver of runtime Unknown"},
+            {[&] { channel.DeployRuntime(hello.data(), 29, "", 0); },
+             "019. \nNo transmitter of runtime Unknown"},
+            {[&] { network.SendCommand(hello.data(), 29); }, "013. \nReinstall Ostrelink package"},
+            {[&] { network.ReadResponse(hello.data(), 29); }, "013. \nReinstall Ostrelink package"},
+        };
+        for (const auto& [call, text] : failures) {
+            EXPECT_THAT(
+                failureOf(call),
+                StartsWith(std::string("Ostrelink Native Exception: Exception code ") + text));
+        }
+        EXPECT_FALSE(cppLoaded());
+    }
     IReceiver* cppReceiver = nullptr;
     {
         TransportInMemory channel;
@@ -121,20 +105,8 @@ TEST(ChannelUnit, DestroyingTheChannelLeavesTheSiblingsObjectsAlive) {
         dlclose(loaded);
     }
     ASSERT_TRUE(cppLoaded());
-    EXPECT_EQ(payloadOf(sendAndRead(cppReceiver, message(cpp, "runtimes"))),
+    EXPECT_EQ(payloadOf(sendAndRead(cppReceiver, makeMessage(cpp, 0, "runtimes", jvm))),
               (Bytes{jvm, cpp, 0, 1}));
-}
-
-TEST(ChannelUnit, NetworkChannelBeforeInitializeGives013AndLoadsNothing) {
-    TransportNetwork channel("127.0.0.1", 9000);
-    Bytes hello = message(cpp, "hello");
-    const std::string text =
-        "Ostrelink Native Exception: Exception code 013. \nReinstall Ostrelink "
-        "package";
-    EXPECT_EQ(failureOf([&] { channel.SendCommand(hello.data(), 29); }), text);
-    EXPECT_EQ(failureOf([&] { channel.ReadResponse(hello.data(), 29); }), text);
-    EXPECT_EQ(channel.SetEmbeddedRuntime(2, 8, 0, "x"), 0);
-    EXPECT_EQ(channel.DeployRuntime(hello.data(), 29, "x", 0), 0);
 }
 
 }  // namespace

@@ -2,44 +2,28 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
 
 #include "TransportSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
-using Ostrelink::Native::Interfaces::CreateReceiverFn;
-using Ostrelink::Native::Interfaces::GetTransmitterFn;
-using Ostrelink::Native::Interfaces::IReceiver;
-using Ostrelink::Native::Interfaces::ITransmitter;
-using testing::HasSubstr;
-using testing::Not;
+using namespace Ostrelink::Native::Interfaces;
 
 namespace {
 
-using SetOperationModeFn = int (*)();
-
-ITransmitter* getTransmitter() {
+const auto getTransmitter = [] {
     return HostLibrary::jvmRuntime().get<GetTransmitterFn>("GetTransmitter")();
-}
-
-int setOperationModeForTransmitter() {
-    return HostLibrary::jvmRuntime().get<SetOperationModeFn>(
-        "_Z30SetOperationModeForTransmitterv")();
-}
-
-ITransmitter* createTransmitter(RuntimeOperationMode mode) {
-    return HostLibrary::jvmRuntime().get<Ostrelink::Native::Interfaces::CreateTransmitterFn>(
-        "CreateTransmitter")(mode);
-}
-
-IReceiver* createReceiver(RuntimeOperationMode mode) {
+};
+const auto setOperationModeForTransmitter = [] {
+    return HostLibrary::jvmRuntime().get<int (*)()>("_Z30SetOperationModeForTransmitterv")();
+};
+const auto createTransmitter = [](RuntimeOperationMode mode) {
+    return HostLibrary::jvmRuntime().get<CreateTransmitterFn>("CreateTransmitter")(mode);
+};
+const auto createReceiver = [](RuntimeOperationMode mode) {
     return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
-}
+};
 
 // A Called receiver prints the runtime info when it comes up, a Calling one does not: that is
 // how a test sees the mode that the process settled on.
@@ -51,15 +35,6 @@ bool receiverComesUpAsCalled() {
            std::string::npos;
 }
 
-TEST(TransmitterFactory, GetTransmitterIsNullUntilCreatedThenOneObject) {
-    EXPECT_EQ(getTransmitter(), nullptr);
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Called);
-    ASSERT_NE(transmitter, nullptr);
-    EXPECT_EQ(getTransmitter(), transmitter);
-    EXPECT_EQ(createTransmitter(RuntimeOperationMode::Calling), transmitter);
-    EXPECT_TRUE(receiverComesUpAsCalled());
-}
-
 TEST(TransmitterFactory, SetOperationModeFirstFixesCallingForEveryLaterCreator) {
     EXPECT_EQ(setOperationModeForTransmitter(), 0);
     ITransmitter* transmitter = getTransmitter();
@@ -69,21 +44,17 @@ TEST(TransmitterFactory, SetOperationModeFirstFixesCallingForEveryLaterCreator) 
     EXPECT_FALSE(receiverComesUpAsCalled());
 }
 
-TEST(TransmitterFactory, SetOperationModeAfterACalledReceiverKeepsCalled) {
-    ASSERT_NE(createReceiver(RuntimeOperationMode::Called), nullptr);
+// There is no transmitter until one is created, then one object. NotSet builds it and leaves the
+// mode open, so a receiver can't be built with it; the first mode set after that wins.
+TEST(TransmitterFactory, NotSetBuildsTheOneTransmitterAndLeavesTheModeOpen) {
     EXPECT_EQ(getTransmitter(), nullptr);
-    EXPECT_EQ(setOperationModeForTransmitter(), 0);
-    EXPECT_NE(getTransmitter(), nullptr);
-    EXPECT_TRUE(receiverComesUpAsCalled());
-}
-
-TEST(TransmitterFactory, NotSetBuildsATransmitterAndLeavesTheModeOpen) {
     ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::NotSet);
     ASSERT_NE(transmitter, nullptr);
-    // The mode is still -1, so a receiver can't be built with it.
+    EXPECT_EQ(getTransmitter(), transmitter);
     EXPECT_THAT(failureOf([] { createReceiver(RuntimeOperationMode::NotSet); }),
-                HasSubstr("Exception code 032"));
+                testing::HasSubstr("Exception code 032"));
     EXPECT_EQ(createTransmitter(RuntimeOperationMode::Called), transmitter);
+    EXPECT_EQ(createTransmitter(RuntimeOperationMode::Calling), transmitter);
     EXPECT_TRUE(receiverComesUpAsCalled());
 }
 

@@ -2,16 +2,16 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
 #include <map>
-#include <memory>
+#include <thread>
+#include <vector>
 
 #include <ostrelink/RuntimeFactories.h>
 
 #include "common/StageCopy.h"
 
-using Ostrelink::Native::Definitions::RuntimeOperationMode;
-using Ostrelink::Native::Interfaces::CreateTransmitterFn;
 using Ostrelink::Native::Interfaces::ITransmitter;
 
 namespace {
@@ -22,18 +22,15 @@ struct Installation {
     std::string native;
     explicit Installation(const std::string& name) {
         mkdtemp(directory.data());
-        const std::string variant = std::string(TRANSPORT_VARIANTS_DIR) + name + ".so";
-        if (name == "recording") {
-            native = copyStage(
-                directory, {},
-                {{"libOstrelinkTcpClient.so", TRANSPORT_VARIANTS_DIR "RecordingClient.so"},
-                 {"libOstrelinkTcpTlsClient.so", TRANSPORT_VARIANTS_DIR "RecordingClient.so"}});
-        } else if (name.rfind("Client", 0) == 0) {
-            native = copyStage(directory, {"libOstrelinkTcpTlsClient.so"},
-                               {{"libOstrelinkTcpClient.so", variant}});
-        } else {
-            native = copyStage(directory, {}, {{"libOstrelinkCppRuntimeNative.so", variant}});
-        }
+        const std::string variant = TRANSPORT_VARIANTS_DIR + name + ".so";
+        const std::string recording = TRANSPORT_VARIANTS_DIR "RecordingClient.so";
+        native = name == "recording" ? copyStage(directory, {},
+                                                 {{"libOstrelinkTcpClient.so", recording},
+                                                  {"libOstrelinkTcpTlsClient.so", recording}})
+                 : name.rfind("Client", 0) == 0
+                     ? copyStage(directory, {"libOstrelinkTcpTlsClient.so"},
+                                 {{"libOstrelinkTcpClient.so", variant}})
+                     : copyStage(directory, {}, {{"libOstrelinkCppRuntimeNative.so", variant}});
     }
     ~Installation() { std::filesystem::remove_all(directory); }
 };
@@ -41,23 +38,21 @@ struct Installation {
 }  // namespace
 
 std::string installedFile(const std::string& installation, const std::string& file) {
-    static std::map<std::string, std::unique_ptr<Installation>> made;
-    auto& copy = made[installation];
-    if (!copy) {
-        copy = std::make_unique<Installation>(installation);
-    }
-    return copy->native + file;
+    static std::map<std::string, Installation> made;
+    return made.try_emplace(installation, installation).first->second.native + file;
 }
 
 ITransmitter* transmitterOf(const std::string& installation) {
-    static std::map<std::string, std::unique_ptr<HostLibrary>> opened;
-    auto& library = opened[installation];
-    if (!library && !installation.empty()) {
-        library = std::make_unique<HostLibrary>(
-            installedFile(installation, "libOstrelinkJvmRuntimeNative.so"));
-    }
-    return (library ? *library : HostLibrary::jvmRuntime())
-        .get<CreateTransmitterFn>("CreateTransmitter")(RuntimeOperationMode::Calling);
+    static std::map<std::string, HostLibrary> opened;
+    const HostLibrary& library =
+        installation.empty()
+            ? HostLibrary::jvmRuntime()
+            : opened
+                  .try_emplace(installation,
+                               installedFile(installation, "libOstrelinkJvmRuntimeNative.so"))
+                  .first->second;
+    return library.get<Ostrelink::Native::Interfaces::CreateTransmitterFn>("CreateTransmitter")(
+        Ostrelink::Native::Definitions::RuntimeOperationMode::Calling);
 }
 
 Bytes routedMessage(unsigned char targetRuntime, unsigned char callingRuntime,
@@ -66,4 +61,27 @@ Bytes routedMessage(unsigned char targetRuntime, unsigned char callingRuntime,
     Bytes message = makeMessage(targetRuntime, 0, payloadText, callingRuntime);
     setRoute(message, connectionType, address, port);
     return message;
+}
+
+int wrongReplies(ITransmitter* sender, int threads, unsigned char readFrom,
+                 const std::function<std::pair<Bytes, Bytes>(int, const std::string&)>& exchange) {
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> running;
+    for (int i = 0; i < threads; ++i) {
+        running.emplace_back([&, i] {
+            for (int round = 0; round < 300; ++round) {
+                const auto [message, expected] =
+                    exchange(i, std::to_string(i) + " of " + std::to_string(round));
+                try {
+                    wrong += sendAndRead(sender, message, readFrom) != expected;
+                } catch (const std::exception&) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& thread : running) {
+        thread.join();
+    }
+    return wrong;
 }

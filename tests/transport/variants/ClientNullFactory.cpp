@@ -1,19 +1,16 @@
 // A client library whose factory never makes a channel, and counts how often it was asked.
 #include <ostrelink/ITransport.h>
 
-#include <atomic>
-#include <string>
+#define EXPORT extern "C" __attribute__((visibility("default")))
 
-namespace {
-std::atomic<int> factoryCalls{0};
-}
+static int factoryCalls = 0;
 
-extern "C" __attribute__((visibility("default"))) Ostrelink::Native::Interfaces::ITransport*
-CreateTransportChannel(std::string, unsigned short) {
+EXPORT Ostrelink::Native::Interfaces::ITransport* CreateTransportChannel(std::string,
+                                                                         unsigned short) {
     ++factoryCalls;
     return nullptr;
 }
 
-extern "C" __attribute__((visibility("default"))) int ClientFactoryCalls() {
-    return factoryCalls.load();
+EXPORT int ClientFactoryCalls() {
+    return factoryCalls;
 }
