@@ -2,8 +2,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-
 #include "LauncherTesting.h"
 
 // Debug mode: the switch is read at construction and Initialize announces the debugger port. A
@@ -16,7 +14,6 @@ TEST(DebugMode, AddsItsOptionsInOrderAndWaitsForADebuggerOnAFreePort) {
     const auto address = reinterpret_cast<const sockaddr*>(&port);
     const int occupant = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(bind(occupant, address, sizeof(port)), 0);
-    ASSERT_EQ(listen(occupant, 1), 0);
     const InstallationCopy copy;
     testing::internal::CaptureStdout();
     IReceiver* receiver = copy.receiver();
@@ -25,7 +22,6 @@ TEST(DebugMode, AddsItsOptionsInOrderAndWaitsForADebuggerOnAFreePort) {
                            "Listening on port 8988. Waiting for debugger to attach...\n"));
     EXPECT_THAT(sendFailure(receiver, javaCommand("x")),
                 StartsWith("JVM Launcher: Exception code 047. Debug mode needs port 8988"));
-    EXPECT_TRUE(runningJvms().empty());
     close(occupant);
 
     // A debugger: the handshake, then VirtualMachine.Resume (length 11, id 1, flags 0, command
@@ -33,14 +29,11 @@ TEST(DebugMode, AddsItsOptionsInOrderAndWaitsForADebuggerOnAFreePort) {
     const int debugger = socket(AF_INET, SOCK_STREAM, 0);
     std::thread resume([debugger, address] {
         for (int i = 0; i < 1000 && connect(debugger, address, sizeof(sockaddr_in)) != 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            usleep(20000);
         }
-        char handshake[] = "JDWP-Handshake";
-        unsigned char command[11] = {0, 0, 0, 11, 0, 0, 0, 1, 0, 1, 9};
-        ASSERT_EQ(send(debugger, handshake, 14, 0), 14) << "no JDWP server on 127.0.0.1:8988";
-        ASSERT_EQ(recv(debugger, handshake, 14, MSG_WAITALL), 14);
-        ASSERT_EQ(send(debugger, command, 11, 0), 11);
-        EXPECT_EQ(recv(debugger, command, 11, MSG_WAITALL), 11);
+        char bytes[] = "JDWP-Handshake\0\0\0\13\0\0\0\1\0\1\11";
+        ASSERT_EQ(send(debugger, bytes, 25, 0), 25) << "no JDWP server on 127.0.0.1:8988";
+        EXPECT_EQ(recv(debugger, bytes, 25, MSG_WAITALL), 25);
     });
     const Bytes options = sendAndRead(receiver, javaCommand("jvm-arguments"));
     resume.join();

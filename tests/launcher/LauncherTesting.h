@@ -1,14 +1,11 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <jni.h>
 #include <stdlib.h>
 
 #include <filesystem>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <ostrelink/IReceiver.h>
 #include <ostrelink/RuntimeFactories.h>
@@ -34,10 +31,9 @@ struct InstallationCopy {
                               const char* prefix = "ostrelink-launcher-")
         : directory(mkdtemp(
               (std::filesystem::temp_directory_path() / prefix += "XXXXXX").string().data())) {
-        copyStage(directory);
-        std::filesystem::remove(jar());
+        std::filesystem::remove(jar);
         if (!runtimeJar.empty()) {
-            std::filesystem::copy_file(runtimeJar, jar());
+            std::filesystem::copy_file(runtimeJar, jar);
         }
     }
     // The library of the copy stays mapped; its file may go.
@@ -45,35 +41,32 @@ struct InstallationCopy {
         std::error_code ignored;
         std::filesystem::remove_all(directory, ignored);
     }
-    std::string jar() const { return directory + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar"; }
-    std::string libraryPath() const {
-        const std::string staged = HostLibrary::stagedPath("OstrelinkJvmRuntimeNative");
-        return directory + "/stage" + staged.substr(std::string(OSTRELINK_STAGE_DIR).size());
-    }
-    // The class path entry of the runtime jar, as the library of this copy writes it.
-    std::string jarOnClassPath() const {
-        const std::string library = libraryPath();
-        return library.substr(0, library.rfind('/')) +
-               "/../../../../Binaries/Jvm/OstrelinkJvmRuntime.jar";
-    }
     // Initialized, unless not to, as the JVM runtime that the C++ one calls (Calling: that calls
     // it).
     IReceiver* receiver(RuntimeOperationMode mode = RuntimeOperationMode::Called,
                         bool initialize = true) const {
         IReceiver* receiver =
-            HostLibrary(libraryPath())
-                .get<Ostrelink::Native::Interfaces::CreateReceiverFn>("CreateReceiver")(mode);
+            HostLibrary(library).get<Ostrelink::Native::Interfaces::CreateReceiverFn>(
+                "CreateReceiver")(mode);
         const bool calling = mode == RuntimeOperationMode::Calling;
         EXPECT_TRUE(!initialize || receiver->Initialize(calling ? 2 : 8, calling ? 8 : 2, 0) == 0);
         return receiver;
     }
 
     const std::string directory;
+    const std::string native = copyStage(directory);  // with a final "/"
+    const std::string library = native + "libOstrelinkJvmRuntimeNative.so";
+    const std::string jar = directory + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar";
+    // The runtime jar as the library of this copy puts it on the class path.
+    const std::string jarOnClassPath = native + "../../../../Binaries/Jvm/OstrelinkJvmRuntime.jar";
 };
 
 // A command for Java: a PlainCommand that is no health check.
 inline Bytes javaCommand(const std::string& payload) {
     return makeMessage(2, 0, payload);
+}
+inline int send(IReceiver* receiver, Bytes message) {
+    return receiver->SendCommand(message.data(), static_cast<int>(message.size()));
 }
 inline std::string textOf(const Bytes& reply) {
     return std::string(reply.begin(), reply.end());
@@ -83,41 +76,37 @@ inline std::string sendFailure(IReceiver* receiver, Bytes message) {
         [&] { receiver->SendCommand(message.data(), static_cast<int>(message.size())); });
 }
 
-inline const std::string realJvmLibrary =
-    std::string(OSTRELINK_JAVA_HOME) + "/lib/server/libjvm.so";
+inline const std::string jvmLibrary = std::string(OSTRELINK_JAVA_HOME) + "/lib/server/libjvm.so";
 // The native part of the runtime info: always last, with no final end of line.
 inline const std::string nativeInfo =
-    "JVM Native Launcher Runtime Info: \nJVM shared library search path: " + realJvmLibrary;
+    "JVM Native Launcher Runtime Info: \nJVM shared library search path: " + jvmLibrary;
 // The runtime info as a failure shows it: the text behind "\nRUNTIME INFO:\n" of a read without
 // a reply, made on a thread of its own so that no reply of the caller is touched.
 inline std::string runtimeInfo(IReceiver* receiver) {
     std::string text;
     std::thread([&] { text = failureOf([&] { receiver->ReadResponse(nullptr, 0); }); }).join();
-    const auto at = text.find("\nRUNTIME INFO:\n");
-    return at == std::string::npos ? "<none> " + text : text.substr(at + 15);
+    return text.substr(text.find("\nRUNTIME INFO:\n") + 15);
 }
 
-// A JVM that the host creates itself, as a Java program's launcher would, on a thread that
-// detaches before it ends.
+// A JVM that the host creates itself, as a Java program's launcher would; the creating thread
+// detaches.
 inline JavaVM* createHostJvm(const std::string& classPath) {
-    const auto create =
-        HostLibrary(realJvmLibrary).get<jint (*)(JavaVM**, void**, void*)>("JNI_CreateJavaVM");
+    std::string option = "-Djava.class.path=" + classPath;
+    JavaVMOption options[1] = {{option.data(), nullptr}};
+    JavaVMInitArgs args{JNI_VERSION_1_8, 1, options, JNI_FALSE};
     JavaVM* jvm = nullptr;
-    std::thread([&] {
-        std::string option = "-Djava.class.path=" + classPath;
-        JavaVMOption options[1] = {{option.data(), nullptr}};
-        JavaVMInitArgs args{JNI_VERSION_1_8, 1, options, JNI_FALSE};
-        void* env = nullptr;
-        EXPECT_EQ(create(&jvm, &env, &args), JNI_OK);
-        jvm->DetachCurrentThread();
-    }).join();
+    void* env = nullptr;
+    EXPECT_EQ(HostLibrary(jvmLibrary)
+                  .get<jint (*)(JavaVM**, void**, void*)>("JNI_CreateJavaVM")(&jvm, &env, &args),
+              JNI_OK);
+    jvm->DetachCurrentThread();
     return jvm;
 }
 // The JVMs that run in this process.
 inline std::vector<JavaVM*> runningJvms() {
     std::vector<JavaVM*> jvms(4, nullptr);
     jsize count = 0;
-    HostLibrary(realJvmLibrary)
+    HostLibrary(jvmLibrary)
         .get<jint (*)(JavaVM**, jsize, jsize*)>("JNI_GetCreatedJavaVMs")(jvms.data(), 4, &count);
     jvms.resize(static_cast<std::size_t>(count));
     return jvms;

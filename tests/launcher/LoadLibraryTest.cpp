@@ -1,13 +1,10 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <set>
-#include <sstream>
 
 #include "LauncherTesting.h"
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 
 // Entries are path texts: the same text twice is one entry, the same file by two texts is two;
 // a relative path that exists stays relative, and a file need not be a jar. A directory gives
@@ -20,14 +17,13 @@ TEST(LoadLibrary, EntriesFollowTheirRulesAndThoseBeforeTheStartReachTheClassPath
     const InstallationCopy copy;
     IReceiver* receiver = copy.receiver();
     const std::string here = copy.directory + "/here", jars = copy.directory + "/jars";
-    for (const std::string& directory : {here, jars, jars + "/d.jar"}) {
-        fs::create_directory(directory);
-    }
-    for (const std::string& file : {here + "/lib.so", here + "/x.jar", jars + "/a.jar",
-                                    jars + "/B.JAR", jars + "/c.txt", jars + "/d.jar/inner.jar"}) {
+    fs::create_directories(jars + "/d.jar");
+    fs::create_directory(here);
+    for (const std::string& file :
+         {here + "/lib.so", here + "/x.jar", jars + "/c.txt", jars + "/d.jar/inner.jar"}) {
         std::ofstream(file) << "x";
     }
-    fs::create_symlink(jars + "/a.jar", jars + "/link.jar");
+    fs::create_symlink(here + "/x.jar", jars + "/link.JAR");
     ASSERT_EQ(chdir(here.c_str()), 0);
     for (const std::string& path : {here + "/lib.so", here + "/lib.so", std::string("lib.so"),
                                     std::string(), here + "/", jars}) {
@@ -35,27 +31,13 @@ TEST(LoadLibrary, EntriesFollowTheirRulesAndThoseBeforeTheStartReachTheClassPath
     }
     EXPECT_THAT(sendFailure(receiver, makeMessage(2, 1, "no/such/library.jar")),
                 StartsWith("JVM Launcher: Exception code 004. \nCannot find file: "
-                           "no/such/library.jar\n\nRUNTIME INFO:\nLoaded custom "
-                           "libraries:\n" +
+                           "no/such/library.jar\n\nRUNTIME INFO:\nLoaded custom libraries:\n" +
                            here + "/lib.so\n"));
-    Lines lines;
-    std::istringstream info(runtimeInfo(receiver));
-    for (std::string line; std::getline(info, line);) {
-        lines.push_back(line);
-    }
-    ASSERT_GT(lines.size(), 7U);
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 4),
-              (Lines{"Loaded custom libraries:", here + "/lib.so", "lib.so", here + "/x.jar"}));
-    EXPECT_EQ(std::set<std::string>(lines.begin() + 4, lines.begin() + 7),
-              (std::set<std::string>{jars + "/a.jar", jars + "/B.JAR", jars + "/link.jar"}));
-
     ASSERT_EQ(sendAndRead(receiver, javaCommand("start")), javaCommand("start"));
     EXPECT_EQ(sendAndRead(receiver, makeMessage(2, 1, testJar("probe"))), acknowledgeBytes());
-    std::string listed, classPath = copy.jarOnClassPath();
-    for (std::size_t i = 1; i < 7; ++i) {
-        listed += lines[i] + "\n";
-        classPath += ":" + lines[i];
-    }
-    EXPECT_EQ(runtimeInfo(receiver), "Loaded custom libraries:\n" + listed + testJar("probe") +
-                                         "\n\njava.class.path=" + classPath + "\n" + nativeInfo);
+    const std::string lib = here + "/lib.so", x = here + "/x.jar", link = jars + "/link.JAR";
+    EXPECT_EQ(runtimeInfo(receiver), "Loaded custom libraries:\n" + lib + "\nlib.so\n" + x + "\n" +
+                                         link + "\n" + testJar("probe") +
+                                         "\n\njava.class.path=" + copy.jarOnClassPath + ":" + lib +
+                                         ":lib.so:" + x + ":" + link + "\n" + nativeInfo);
 }

@@ -1,12 +1,6 @@
-#include <algorithm>
-
 #include "LauncherTesting.h"
 
 const std::string noReply = "JVM Launcher: Exception code 041.\nError while reading response";
-
-static int send(IReceiver* receiver, Bytes message) {
-    return receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-}
 
 // What a read of length bytes leaves in a buffer of bytes 0xEE, one byte past length included;
 // or the text of its failure, without the runtime info.
@@ -14,16 +8,13 @@ static std::string read(IReceiver* receiver, int length) {
     Bytes buffer(64, 0xEE);
     try {
         receiver->ReadResponse(buffer.data(), length);
+        return textOf(Bytes(buffer.begin(), buffer.begin() + length + 1));
     } catch (const std::exception& failure) {
         const std::string text = failure.what();
         return text.substr(0, text.find("\nRUNTIME INFO:\n"));
     }
-    return textOf(Bytes(buffer.begin(), buffer.begin() + std::max(length, 0) + 1));
 }
 
-// A read takes the last reply that its own thread stored, once, however long its buffer; a
-// thread that ends with its reply unread takes the reply along, whatever id a later thread
-// gets. Input that breaks the contract of the road is refused before any byte is touched.
 TEST(ReplyStore, EachReadTakesTheLastReplyOfItsOwnThreadOnce) {
     const InstallationCopy copy;
     IReceiver* receiver = copy.receiver();
