@@ -1,11 +1,10 @@
 #include "LauncherTesting.h"
 
-// Before the start the native part answers alone.
-// The JVM gets the library path and then OSTRELINK_JVM_OPTIONS, split with quotes grouping (a
-// debug switch that is not "true" in some case adds nothing); commands reach sendCommand and
-// heart beats heartBeat; and the threads keep their attachment as the JVM found them: the
-// starting thread and a thread attached by the host stay attached, a thread the JVM has never
-// seen is attached for its command or query only.
+// Before the start the native part answers alone. The JVM gets the library path and then
+// OSTRELINK_JVM_OPTIONS, split with quotes grouping (a debug switch that is not "true" in some
+// case adds nothing); commands reach sendCommand and heart beats heartBeat; and the threads keep
+// their attachment as the JVM found them: the starting thread and a thread attached by the host
+// stay attached, a thread the JVM has never seen is attached for its command only.
 TEST(JavaCall, EachCommandTakesItsRoadAndLeavesEachThreadAsItWas) {
     setenv("OSTRELINK_JVM_OPTIONS", "-Xmx64m -Dprobe.value='a b'", 1);
     setenv("OSTRELINK_DEBUG_MODE", " true", 1);
