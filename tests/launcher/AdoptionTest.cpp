@@ -1,42 +1,35 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "LauncherTesting.h"
 
-namespace {
+namespace fs = std::filesystem;
 
-// The JVM that runs is used as it is: no second one, the host's class path, and a load-library
-// entry shows in the runtime info without reaching that class path.
-TEST(Adoption, CalledAdoptsTheJvmTheHostCreated) {
+// Initialize is the caller's duty: a command before it is refused with a text of its own. The
+// search only binds the library. Without the configuration library the variables still
+// count, the first one unless empty: a directory without a JVM gives 002, naming the last
+// candidate; a library without the invocation functions gives 003; the next Initialize tries
+// again. A Calling library then adopts the JVM it lives in as it is: no second one, the host's
+// class path (a load-library entry shows in the runtime info only), and the thread attached as a
+// daemon, so that the Java program can still end.
+TEST(Adoption, CallingAdoptsTheJvmItLivesInOnceTheSearchFindsALibrary) {
     const InstallationCopy copy;
-    JavaVM* host = createHostJvm(copy.root() + "/Binaries/Jvm/OstrelinkJvmRuntime.jar");
-    IReceiver* receiver = copy.receiver();
+    JavaVM* host = createHostJvm(copy.jar);
+    ASSERT_TRUE(fs::remove(fs::path(copy.library).parent_path() / "libConfigs.so"));
+    IReceiver* receiver = copy.receiver(RuntimeOperationMode::Calling, false);
+    EXPECT_THAT(sendFailure(receiver, javaCommand("early")),
+                StartsWith("JVM Launcher: Exception code 044. Initialize must run before the "
+                           "first command that needs the JVM\nRUNTIME INFO:\n"));
+    setenv("OSTRELINK_JVM_RUNTIME_PATH", "", 1);
+    setenv("JAVA_HOME", copy.directory.c_str(), 1);
+    EXPECT_THAT(failureOf([&] { receiver->Initialize(2, 8, 0); }),
+                testing::AllOf(StartsWith("JVM Launcher: Exception code 002. \nCheck JRE"),
+                               testing::EndsWith(": " + copy.directory + "/lib/server/libjvm.so")));
+    setenv("OSTRELINK_JVM_RUNTIME_PATH", copy.library.c_str(), 1);
+    EXPECT_THAT(failureOf([&] { receiver->Initialize(2, 8, 0); }),
+                StartsWith("JVM Launcher: Exception code 003. \nCheck JRE installation."));
+    setenv("OSTRELINK_JVM_RUNTIME_PATH", jvmLibrary.c_str(), 1);
+    ASSERT_EQ(receiver->Initialize(2, 8, 0), 0);
     EXPECT_EQ(sendAndRead(receiver, makeMessage(2, 1, testJar("probe"))), acknowledgeBytes());
-    EXPECT_EQ(sendAndRead(receiver, javaCommand("adopted")), javaCommand("adopted"));
+    EXPECT_THAT(textOf(sendAndRead(receiver, javaCommand("threads"))), testing::EndsWith(" true"));
     EXPECT_EQ(runningJvms(), std::vector<JavaVM*>{host});
     EXPECT_EQ(runtimeInfo(receiver), "Loaded custom libraries:\n" + testJar("probe") +
-                                         "\n\njava.class.path=" + copy.root() +
-                                         "/Binaries/Jvm/OstrelinkJvmRuntime.jar\n" + nativeInfo());
+                                         "\n\njava.class.path=" + copy.jar + "\n" + nativeInfo);
 }
-
-// A Calling library adopts the JVM it lives in, at Initialize and again at the first command,
-// and attaches the thread as a daemon, so that the Java program can still end. Extra JVM
-// options can't reach that JVM: it says so, once.
-TEST(Adoption, CallingAdoptsTheJvmItLivesIn) {
-    const InstallationCopy copy;
-    JavaVM* host = createHostJvm(copy.root() + "/Binaries/Jvm/OstrelinkJvmRuntime.jar");
-    setEnvironment("OSTRELINK_JVM_OPTIONS", "-Xmx64m");
-    testing::internal::CaptureStderr();
-    IReceiver* receiver = copy.receiver(RuntimeOperationMode::Calling);
-    EXPECT_THAT(textOf(sendAndRead(receiver, javaCommand("threads"))), testing::EndsWith(" true"));
-    const std::string errors = testing::internal::GetCapturedStderr();
-    const auto note = errors.find("OSTRELINK_JVM_OPTIONS is ignored");
-    EXPECT_NE(note, std::string::npos);
-    EXPECT_EQ(errors.find("OSTRELINK_JVM_OPTIONS is ignored", note + 1), std::string::npos);
-    EXPECT_EQ(runningJvms(), std::vector<JavaVM*>{host});
-}
-
-}  // namespace

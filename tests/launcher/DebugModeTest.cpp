@@ -1,64 +1,39 @@
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <string>
-#include <thread>
-
 #include "LauncherTesting.h"
-
-using testing::StartsWith;
-
-namespace {
 
 // Debug mode: the switch is read at construction and Initialize announces the debugger port. A
 // busy port would make the JDWP agent end the process: the start is refused instead, and the
 // next command checks again. Once the port is free the JVM gets the six options in order and
 // waits for a debugger before the first command goes on.
 TEST(DebugMode, AddsItsOptionsInOrderAndWaitsForADebuggerOnAFreePort) {
-    setEnvironment("OSTRELINK_DEBUG_MODE", "TrUe");
+    setenv("OSTRELINK_DEBUG_MODE", "TrUe", 1);
     const sockaddr_in port = {AF_INET, htons(8988), {htonl(INADDR_LOOPBACK)}, {}};
     const auto address = reinterpret_cast<const sockaddr*>(&port);
     const int occupant = socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(bind(occupant, address, sizeof(port)), 0);
-    ASSERT_EQ(listen(occupant, 1), 0);
     const InstallationCopy copy;
     testing::internal::CaptureStdout();
     IReceiver* receiver = copy.receiver();
-    const std::string output = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(output, StartsWith("OSTRELINK_DEBUG_MODE found: TrUe\n"));
-    EXPECT_THAT(output,
-                testing::HasSubstr("Jvm Launcher: Debug mode enabled. Listening on port 8988. "
-                                   "Waiting for debugger to attach...\n"));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                StartsWith("OSTRELINK_DEBUG_MODE found: TrUe\nJvm Launcher: Debug mode enabled. "
+                           "Listening on port 8988. Waiting for debugger to attach...\n"));
     EXPECT_THAT(sendFailure(receiver, javaCommand("x")),
                 StartsWith("JVM Launcher: Exception code 047. Debug mode needs port 8988"));
-    EXPECT_TRUE(runningJvms().empty());
     close(occupant);
 
     // A debugger: the handshake, then VirtualMachine.Resume (length 11, id 1, flags 0, command
     // set 1, command 9), which lets the suspended JVM go on.
-    int debugger = -1;
-    std::thread resume([&debugger, address] {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        for (; debugger == -1 && std::chrono::steady_clock::now() < deadline;) {
-            debugger = socket(AF_INET, SOCK_STREAM, 0);
-            if (connect(debugger, address, sizeof(sockaddr_in)) != 0) {
-                close(debugger);
-                debugger = -1;
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            }
+    const int debugger = socket(AF_INET, SOCK_STREAM, 0);
+    std::thread resume([debugger, address] {
+        for (int i = 0; i < 1000 && connect(debugger, address, sizeof(sockaddr_in)) != 0; ++i) {
+            usleep(20000);
         }
-        ASSERT_NE(debugger, -1) << "no JDWP server on 127.0.0.1:8988";
-        std::string handshake = "JDWP-Handshake";
-        ASSERT_EQ(send(debugger, handshake.data(), 14, 0), 14);
-        ASSERT_EQ(recv(debugger, handshake.data(), 14, MSG_WAITALL), 14);
-        ASSERT_EQ(handshake, "JDWP-Handshake");
-        unsigned char command[11] = {0, 0, 0, 11, 0, 0, 0, 1, 0, 1, 9};
-        ASSERT_EQ(send(debugger, command, 11, 0), 11);
-        EXPECT_EQ(recv(debugger, command, 11, MSG_WAITALL), 11);
+        char bytes[] = "JDWP-Handshake\0\0\0\13\0\0\0\1\0\1\11";
+        ASSERT_EQ(send(debugger, bytes, 25, 0), 25) << "no JDWP server on 127.0.0.1:8988";
+        EXPECT_EQ(recv(debugger, bytes, 25, MSG_WAITALL), 25);
     });
     const Bytes options = sendAndRead(receiver, javaCommand("jvm-arguments"));
     resume.join();
@@ -68,5 +43,3 @@ TEST(DebugMode, AddsItsOptionsInOrderAndWaitsForADebuggerOnAFreePort) {
                                                    "127.0.0.1:8988,server=y,suspend=y\n"
                                                    "-verbose:jni\n-Xcheck:jni"));
 }
-
-}  // namespace

@@ -1,0 +1,74 @@
+#include <gmock/gmock.h>
+
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "launcher/JvmSearch.h"
+#include "launcher/JvmStartChecks.h"
+
+using Ostrelink::Native::Launcher::findReservedJvmOption;
+using Ostrelink::Native::Launcher::searchJvm;
+using Ostrelink::Native::Launcher::splitJvmOptions;
+using Options = std::vector<std::string>;
+using Source = Ostrelink::Native::Launcher::JvmSearch::Source;
+
+// The old layout's candidate, named by the processor.
+const std::string jre = "/jre/lib/[a-z0-9_]+/server/libjvm.so";
+const std::string variableLine =
+    "Looking for JVM runtime in OSTRELINK_JVM_RUNTIME_PATH environment variable: ";
+
+// The configuration first, then OSTRELINK_JVM_RUNTIME_PATH unless empty, then JAVA_HOME, even
+// empty; the variable is printed whenever it is asked and set.
+TEST(JvmSearchOrder, FirstSourceWithAPathWinsAndTheCandidatesFollowIt) {
+    using Case = std::tuple<const char*, const char*, const char*, Source, std::string, Options>;
+    const Case cases[] = {
+        {"", nullptr, nullptr, Source::None, "", {}},
+        {"", "", nullptr, Source::None, "", {variableLine}},
+        {"", "", "/jdk", Source::JavaHome, "/jdk", {variableLine}},
+        {"", nullptr, "", Source::JavaHome, "", {}},
+        {"", "/rt", "/jdk", Source::RuntimePathVariable, "/rt", {variableLine + "/rt"}},
+        {"/c", "/rt", "/jdk", Source::Configured, "/c", {"Looking for JVM runtime in path: /c"}},
+    };
+    for (const auto& [configured, runtimePath, javaHome, source, path, lines] : cases) {
+        const auto search = searchJvm(configured, runtimePath, javaHome);
+        EXPECT_EQ(std::tie(search.source, search.path, search.lines),
+                  std::tie(source, path, lines));
+        EXPECT_EQ(search.failure.has_value(), source == Source::None) << path;
+        if (source != Source::None) {
+            EXPECT_THAT(search.candidates,
+                        testing::ElementsAre(path, testing::MatchesRegex(path + jre),
+                                             path + "/lib/server/libjvm.so"));
+        } else {
+            EXPECT_TRUE(search.candidates.empty());
+        }
+    }
+}
+
+// Options split on white space with quotes grouping; the class path is refused always, the JDWP
+// agent in debug mode.
+TEST(JvmStartChecks, SplitAndRefuseOptions) {
+    const std::pair<const char*, std::optional<Options>> splits[] = {
+        {" \t\n\v\f\r ", Options{}},
+        {"  \"-Dx=it's\"\t'a'\"b\"c '' \"'\" ", Options{"-Dx=it's", "abc", "", "'"}},
+        {"-Dx='open", std::nullopt},
+    };
+    for (const auto& [text, options] : splits) {
+        EXPECT_EQ(splitJvmOptions(text), options) << text;
+    }
+    const std::tuple<Options, bool, std::string> reserved[] = {
+        {{"-ea", "-cp", "x"}, false, "-cp"},
+        {{"-classpath"}, false, "-classpath"},
+        {{"--class-path"}, false, "--class-path"},
+        {{"--class-path=x"}, false, "--class-path=x"},
+        {{"-Djava.class.path=x"}, false, "-Djava.class.path=x"},
+        {{"-Djava.class.paths=x", "-cpx", "-agentlib:jdwp=transport=dt_socket"}, false, ""},
+        {{"-agentlib:jdwp=transport=dt_socket"}, true, "-agentlib:jdwp=transport=dt_socket"},
+        {{"-agentlib:jdwpx", "-Xrunjdwp:server=y"}, true, "-Xrunjdwp:server=y"},
+    };
+    for (const auto& [options, debugMode, refused] : reserved) {
+        const std::string* found = findReservedJvmOption(options, debugMode);
+        EXPECT_EQ(found == nullptr ? "" : *found, refused) << options.front();
+    }
+}
