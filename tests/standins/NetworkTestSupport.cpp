@@ -136,16 +136,11 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments) {
     options.errorFile = m_errorFile = "/tmp/ostrelink-server-" + std::to_string(::getpid()) + "-" +
                                       std::to_string(servers++) + ".err";
     m_child = std::make_unique<ChildProcess>(executable(), arguments, options);
-    try {
-        std::string line;
-        while (line.rfind("listening on ", 0) != 0) {
-            line = m_child->readLine(30000);
-        }
-        m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
-    } catch (const std::runtime_error&) {
-        throw std::runtime_error("ostrelink-server did not start (status " +
-                                 std::to_string(stop()) + "): " + err());
+    std::string line;
+    while (line.rfind("listening on ", 0) != 0) {
+        line = m_child->readLine(30000);  // throws if the server ends first
     }
+    m_port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
 }
 
 ServerProcess::~ServerProcess() {
