@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <stdexcept>
 #include <thread>
@@ -21,23 +21,11 @@ extern char** environ;
 
 namespace {
 
-struct Pipe {
-    int read = -1;
-    int write = -1;
-};
-
-Pipe makePipe() {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
-    }
-    return {fds[0], fds[1]};
-}
-
-void closeIfOpen(int& fd) {
-    if (fd >= 0) {
-        close(fd);
-        fd = -1;
+void closeAll(std::initializer_list<int> fds) {
+    for (const int fd : fds) {
+        if (fd >= 0) {
+            close(fd);
+        }
     }
 }
 
@@ -46,51 +34,20 @@ std::string readFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-// This process's environment with changes: "NAME=value" sets, "NAME" removes.
-std::vector<std::string> childEnvironment(const std::vector<std::string>& changes) {
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const std::string name = text.substr(0, text.find('='));
-        bool changed = false;
-        for (const std::string& change : changes) {
-            changed = changed || change.substr(0, change.find('=')) == name;
-        }
-        if (!changed) {
-            environment.push_back(text);
-        }
-    }
-    for (const std::string& change : changes) {
-        if (change.find('=') != std::string::npos) {
-            environment.push_back(change);
-        }
-    }
-    return environment;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    for (std::string& text : strings) {
-        result.push_back(text.data());
-    }
-    result.push_back(nullptr);
-    return result;
-}
-
 }  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                            const Options& options) {
-    Pipe out;
-    Pipe report;
+    int out[2] = {-1, -1};
+    int report[2] = {-1, -1};
+    if ((options.captureStdout && pipe2(out, O_CLOEXEC) != 0) ||
+        (options.reportChannel && pipe2(report, O_CLOEXEC) != 0)) {
+        throw std::runtime_error("pipe2 failed");
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (!options.workingDirectory.empty()) {
-        posix_spawn_file_actions_addchdir_np(&actions, options.workingDirectory.c_str());
-    }
     if (options.captureStdout) {
-        out = makePipe();
-        posix_spawn_file_actions_adddup2(&actions, out.write, STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     } else {
         const std::string file = options.outputFile.empty() ? "/dev/null" : options.outputFile;
         posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, file.c_str(),
@@ -101,30 +58,43 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
                                          O_WRONLY | O_CREAT | O_TRUNC, 0600);
     }
     if (options.reportChannel) {
-        report = makePipe();
-        posix_spawn_file_actions_adddup2(&actions, report.write, 3);
+        posix_spawn_file_actions_adddup2(&actions, report[1], 3);
     }
-    std::vector<std::string> environment = childEnvironment(options.environment);
-    std::vector<std::string> argumentCopies{program};
-    argumentCopies.insert(argumentCopies.end(), arguments.begin(), arguments.end());
-    const int result = posix_spawn(&m_pid, program.c_str(), &actions, nullptr,
-                                   pointers(argumentCopies).data(), pointers(environment).data());
+    // env(1) enters the directory and changes the environment, then execs the program. Without
+    // either, the program starts directly, as the start-up benchmark needs.
+    std::vector<std::string> words;
+    if (!options.environment.empty() || !options.workingDirectory.empty()) {
+        words = {"/usr/bin/env", "-C",
+                 options.workingDirectory.empty() ? "." : options.workingDirectory};
+        for (const std::string& change : options.environment) {
+            if (change.find('=') == std::string::npos) {
+                words.insert(words.begin() + 3, {"-u", change});  // options before settings
+            } else {
+                words.push_back(change);
+            }
+        }
+    }
+    words.push_back(program);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    const int failure = posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    closeIfOpen(out.write);
-    closeIfOpen(report.write);
-    if (result != 0) {
-        closeIfOpen(out.read);
-        closeIfOpen(report.read);
-        throw std::runtime_error("cannot start " + program + ": " + std::strerror(result));
+    closeAll({out[1], report[1]});
+    if (failure != 0) {
+        closeAll({out[0], report[0]});
+        throw std::runtime_error("cannot start " + program);
     }
-    m_stdout = out.read;
-    m_report = report.read;
+    m_stdout = out[0];
+    m_report = report[0];
 }
 
 ChildProcess::~ChildProcess() {
     stop();
-    closeIfOpen(m_stdout);
-    closeIfOpen(m_report);
+    closeAll({m_stdout, m_report});
 }
 
 std::string ChildProcess::readLine(int timeoutMs) {
@@ -165,39 +135,33 @@ std::string ChildProcess::readReport() {
 }
 
 int ChildProcess::wait() {
-    if (!m_waited) {
-        rusage usage{};
-        while (wait4(m_pid, &m_status, 0, &usage) < 0 && errno == EINTR) {
-        }
-        m_waited = true;
-        const auto seconds = [](const timeval& value) {
-            return static_cast<double>(value.tv_sec) + static_cast<double>(value.tv_usec) * 1e-6;
-        };
-        m_cpuSeconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
-    }
-    return m_status;
-}
-
-int ChildProcess::waitBounded(int timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!m_waited && std::chrono::steady_clock::now() < deadline) {
-        if (waitpid(m_pid, &m_status, WNOHANG) == m_pid) {
-            m_waited = true;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    }
-    if (!m_waited) {
-        kill(m_pid, SIGKILL);
-    }
-    return wait();
+    return reap(-1);
 }
 
 int ChildProcess::stop(int timeoutMs) {
     if (!m_waited) {
         kill(m_pid, SIGTERM);
     }
-    return waitBounded(timeoutMs);
+    return reap(timeoutMs);
+}
+
+int ChildProcess::reap(int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!m_waited) {
+        rusage usage{};
+        if (wait4(m_pid, &m_status, timeoutMs < 0 ? 0 : WNOHANG, &usage) == m_pid) {
+            m_waited = true;
+            m_cpuSeconds =
+                static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+        } else if (timeoutMs >= 0 && std::chrono::steady_clock::now() >= deadline) {
+            kill(m_pid, SIGKILL);
+            timeoutMs = -1;
+        } else if (timeoutMs >= 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    return m_status;
 }
 
 ChildRun runChild(const std::string& program, const std::vector<std::string>& arguments,

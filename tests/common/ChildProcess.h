@@ -35,14 +35,15 @@ public:
     std::string readReport();
     // Waits for the child to end and returns its exit status as waitpid gives it.
     int wait();
-    // As wait, but sends SIGKILL after timeoutMs.
-    int waitBounded(int timeoutMs);
-    // SIGTERM, then waitBounded; returns the status.
+    // SIGTERM, then wait, with SIGKILL after timeoutMs; returns the status.
     int stop(int timeoutMs = 10000);
     // User and system time of the child and all its threads; meaningful after wait().
     double cpuSeconds() const { return m_cpuSeconds; }
 
 private:
+    // Reaps the child, with SIGKILL after timeoutMs unless it is negative.
+    int reap(int timeoutMs);
+
     pid_t m_pid = -1;
     int m_stdout = -1;
     int m_report = -1;
@@ -59,8 +60,11 @@ struct ChildRun {
     std::string err;
 };
 
-// Runs program in workingDirectory, its output in files there. changes: variables to set (a
-// value) or to remove (no value) in this process's environment, for the child only.
+// Variables to set (a value) or to remove (no value) in this process's environment, for a child
+// only.
+using EnvironmentChanges = std::map<std::string, std::optional<std::string>>;
+
+// Runs program in workingDirectory, its output in files there.
 ChildRun runChild(const std::string& program, const std::vector<std::string>& arguments,
                   const std::map<std::string, std::optional<std::string>>& changes,
                   const std::string& workingDirectory);

@@ -2,7 +2,14 @@ package com.ostrelink.tests.host;
 
 /** Static methods that the protocol tests and the tool tests call through the receiver. */
 public final class HostTargets {
-    private HostTargets() {}
+    /** A class whose static initialiser fails, so that loading it through the receiver fails. */
+    public static final class BrokenInitializer {
+        static final String VALUE = fail("initialiser");
+
+        public static String value() {
+            return VALUE;
+        }
+    }
 
     public static String greeting() {
         return "hello";
@@ -20,11 +27,7 @@ public final class HostTargets {
         return null;
     }
 
-    public static void ignore(String text) {
-        if (text == null) {
-            throw new IllegalArgumentException("no text");
-        }
-    }
+    public static void ignore(String text) {}
 
     public static String fail(String text) {
         throw new IllegalStateException("broken on purpose: " + text);
