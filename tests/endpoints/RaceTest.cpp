@@ -1,5 +1,6 @@
-// Races on the roads that need no JVM. Under ThreadSanitizer a data race fails the test process;
-// in any build the assertions check that no answer goes to the wrong thread.
+// The receiver factory, and races on the roads that need no JVM. Under ThreadSanitizer a data race
+// fails the test process; in any build the assertions check that no answer goes to the wrong
+// thread.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -31,9 +32,12 @@ constexpr unsigned char jvmRuntime = 2;
 constexpr unsigned char cppRuntime = 8;
 constexpr unsigned char missingRuntime = 5;
 
-IReceiver* createReceiver() {
-    return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(
-        RuntimeOperationMode::Called);
+IReceiver* createReceiver(RuntimeOperationMode mode = RuntimeOperationMode::Called) {
+    return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
+}
+
+IReceiver* getReceiver() {
+    return HostLibrary::jvmRuntime().get<GetReceiverFn>("GetReceiver")();
 }
 
 ITransmitter* createTransmitter() {
@@ -107,7 +111,7 @@ void firstCallsOfAProcess() {
             made[index] = getTransmitter();
         }
     });
-    IReceiver* receiver = library.get<GetReceiverFn>("GetReceiver")();
+    IReceiver* receiver = getReceiver();
     ITransmitter* transmitter = getTransmitter();
     for (std::size_t index = 0; index < made.size(); ++index) {
         wrong += made[index] != (index % 3 == 0 ? static_cast<void*>(receiver) : transmitter);
@@ -269,5 +273,42 @@ TEST(InMemoryChannelRace, FirstMessagesEchoesMissingRuntimesEmbeddedAndDeployOnM
         sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), cppRuntime);
     EXPECT_EQ(payloadOf(runtimes), Bytes({cppRuntime, cppRuntime, 0, 1}));
 }
+
+// NotSet on a fresh process makes nothing; then the first creator decides the mode for the whole
+// process. A Called receiver prints the runtime info on its first Initialize only, a Calling one
+// never. Only exactly twelve bytes at offset 24 ask for a health check, and the tail of the read
+// buffer past the reply stays untouched.
+class Receiver : public testing::TestWithParam<RuntimeOperationMode> {};
+
+TEST_P(Receiver, NotSetRefusedThenTheFirstModeWinsForOneReceiverThatAnswersHealthChecks) {
+    EXPECT_EQ(getReceiver(), nullptr);
+    EXPECT_EQ(failureOf([] { createReceiver(RuntimeOperationMode::NotSet); }),
+              "Ostrelink Native Exception: Exception code 032. \nRuntime not initialized");
+    EXPECT_EQ(getReceiver(), nullptr);
+    const bool called = GetParam() == RuntimeOperationMode::Called;
+    IReceiver* receiver = createReceiver(GetParam());
+    ASSERT_NE(receiver, nullptr);
+    EXPECT_EQ(getReceiver(), receiver);
+    EXPECT_EQ(createReceiver(called ? RuntimeOperationMode::Calling : RuntimeOperationMode::Called),
+              receiver);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
+    EXPECT_EQ(receiver->Initialize(5, 7, 3), 0);
+    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string marker = "JVM Native Launcher Runtime Info";
+    EXPECT_EQ(output.find(marker) != std::string::npos, called);
+    EXPECT_EQ(output.find(marker), output.rfind(marker));
+    Bytes message = makeMessage(2, 0, "health_check and more");
+    ASSERT_EQ(receiver->SendCommand(message.data(), static_cast<int>(message.size())), 17);
+    Bytes reply(20, 0xEE);
+    EXPECT_EQ(receiver->ReadResponse(reply.data(), 20), 0);
+    Bytes expected = acknowledgeBytes();
+    expected.resize(20, 0xEE);
+    EXPECT_EQ(reply, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, Receiver,
+                         testing::Values(RuntimeOperationMode::Calling,
+                                         RuntimeOperationMode::Called));
 
 }  // namespace
