@@ -90,9 +90,10 @@ struct TempDirectory {
 };
 
 // What can meet only once in a process: creators that agree on one receiver and one transmitter,
-// then the receiver's first Initialize from eight threads while four read with nothing stored,
-// and first TCP messages to 24 addresses (each a new channel, loading the client library; port 1
-// refuses at once) while two threads that never sent read from the transmitter's channels.
+// then the receiver's first Initialize from eight threads while four read with nothing stored;
+// first TCP messages to 24 addresses (each a new channel, loading the client library; port 1
+// refuses at once) while two threads that never sent read from the transmitter's channels; and
+// first messages on the fresh in-memory channel, to the Cpp stand-in and to a missing runtime.
 // Exits 1 on a wrong answer; under ThreadSanitizer a race exits 66.
 void firstCallsOfAProcess() {
     quietFailures();
@@ -117,7 +118,7 @@ void firstCallsOfAProcess() {
         wrong += made[index] != (index % 3 == 0 ? static_cast<void*>(receiver) : transmitter);
     }
     std::atomic<int> sending{24};
-    runTogether(38, [&](std::size_t thread) {
+    runTogether(50, [&](std::size_t thread) {
         Bytes buffer(17, jvmRuntime);
         if (thread < 8) {
             wrong += receiver->Initialize(8, 2, 0);
@@ -130,19 +131,29 @@ void firstCallsOfAProcess() {
             setRoute(message, 1, {127, 0, 0, static_cast<unsigned char>(thread)}, 1);
             wrong += !fails([&] { sendAndRead(transmitter, message, jvmRuntime); }, "127.0.0.");
             --sending;
-        } else {
+        } else if (thread < 38) {
             // No channel yet (029), a client object not made yet (013) or no reply stored.
             while (sending.load() > 0) {
                 wrong += failureOf([&] { transmitter->ReadResponse(buffer.data(), 16); }).empty();
             }
+        } else if (thread < 46) {
+            const Bytes echo = tagged(cppRuntime, thread, 0);
+            wrong += sendAndRead(transmitter, echo, cppRuntime) != echo;
+        } else {
+            const Bytes missing = tagged(missingRuntime, thread, 0);
+            wrong +=
+                !fails([&] { sendAndRead(transmitter, missing, missingRuntime); }, "Cannot load");
         }
     });
+    // The Cpp stand-in counts the Initialize calls its receiver got: one.
+    const Bytes runtimes = sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), 8);
+    wrong += payloadOf(runtimes) != Bytes({cppRuntime, cppRuntime, 0, 1});
     const bool answers = sendAndRead(receiver, healthCheckMessage()) == acknowledgeBytes();
     std::exit(wrong.load() == 0 && answers ? 0 : 1);
 }
 
 // Whether the threads meet depends on the scheduler: several fresh child processes.
-TEST(FreshProcessRace, CreatorsFirstInitializeAndFirstTcpChannelsMeetingOnManyThreads) {
+TEST(FreshProcessRace, FirstCallsOfCreatorsInitializeTcpAndInMemoryChannelsMeetOnManyThreads) {
     for (int child = 0; child < 8; ++child) {
         const int status = runForked(firstCallsOfAProcess);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
@@ -231,11 +242,9 @@ TEST(InitializeRace, WaitersShareAFailingRunAndFailingReadsHoldUpNoOtherThread) 
     EXPECT_LT(slowest, std::chrono::milliseconds(100));
 }
 
-// First messages meet on a fresh in-memory channel: to the Cpp stand-in, whose receiver must be
-// initialised once, and to a runtime that is not installed, which fail cleanly. Then echoes, more
-// messages to the missing runtime (past Initialize's early return, each storing its pair) and
+// Echoes, messages to a missing runtime (past Initialize's early return, each storing its pair) and
 // SetEmbeddedRuntime and DeployRuntime, which read the last pair, on many threads at once.
-TEST(InMemoryChannelRace, FirstMessagesEchoesMissingRuntimesEmbeddedAndDeployOnManyThreads) {
+TEST(InMemoryChannelRace, EchoesMissingRuntimesEmbeddedAndDeployOnManyThreads) {
     quietFailures();
     ITransmitter* transmitter = createTransmitter();
     Bytes deploy = makeMessage(cppRuntime, 0, "deploy");
@@ -269,9 +278,6 @@ TEST(InMemoryChannelRace, FirstMessagesEchoesMissingRuntimesEmbeddedAndDeployOnM
         }
     });
     EXPECT_EQ(wrong.load(), 0);
-    const Bytes runtimes =
-        sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), cppRuntime);
-    EXPECT_EQ(payloadOf(runtimes), Bytes({cppRuntime, cppRuntime, 0, 1}));
 }
 
 // NotSet on a fresh process makes nothing; then the first creator decides the mode for the whole
