@@ -93,7 +93,7 @@ struct TempDirectory {
 // then the receiver's first Initialize from eight threads while four read with nothing stored;
 // first TCP messages to 24 addresses (each a new channel, loading the client library; port 1
 // refuses at once) while two threads that never sent read from the transmitter's channels; and
-// first messages on the fresh in-memory channel, to the Cpp stand-in and to a missing runtime.
+// many kinds of messages on the fresh in-memory channel.
 // Exits 1 on a wrong answer; under ThreadSanitizer a race exits 66.
 void firstCallsOfAProcess() {
     quietFailures();
@@ -136,13 +136,30 @@ void firstCallsOfAProcess() {
             while (sending.load() > 0) {
                 wrong += failureOf([&] { transmitter->ReadResponse(buffer.data(), 16); }).empty();
             }
-        } else if (thread < 46) {
-            const Bytes echo = tagged(cppRuntime, thread, 0);
-            wrong += sendAndRead(transmitter, echo, cppRuntime) != echo;
         } else {
-            const Bytes missing = tagged(missingRuntime, thread, 0);
-            wrong +=
-                !fails([&] { sendAndRead(transmitter, missing, missingRuntime); }, "Cannot load");
+            // First messages on the fresh in-memory channel, then more of each kind: echoes,
+            // messages to a missing runtime (past Initialize's early return, each storing its
+            // pair), and SetEmbeddedRuntime and DeployRuntime, which read the last pair.
+            for (std::size_t round = 0; round < 100; ++round) {
+                Bytes echo = tagged(cppRuntime, thread, round);
+                Bytes missing = tagged(missingRuntime, thread, round);
+                if ((thread + round) % 4 < 2) {
+                    wrong += sendAndRead(transmitter, echo, cppRuntime) != echo;
+                } else if ((thread + round) % 4 == 2) {
+                    wrong += !fails([&] { sendAndRead(transmitter, missing, missingRuntime); },
+                                    round == 0 ? "Cannot load" : "Exception code 0");
+                } else {
+                    try {
+                        round % 2 == 0 ? transmitter->SetEmbeddedRuntime(8, 8, 0, "/opt")
+                                       : transmitter->DeployRuntime(
+                                             echo.data(), static_cast<int>(echo.size()), "", 0);
+                    } catch (const std::exception& failure) {
+                        // Not installed (001), or the last pair names the missing runtime (019).
+                        wrong += std::string(failure.what()).find("Exception code 0") ==
+                                 std::string::npos;
+                    }
+                }
+            }
         }
     });
     // The Cpp stand-in counts the Initialize calls its receiver got: one.
@@ -240,44 +257,6 @@ TEST(InitializeRace, WaitersShareAFailingRunAndFailingReadsHoldUpNoOtherThread) 
     failedReads = -1000;
     reader.join();
     EXPECT_LT(slowest, std::chrono::milliseconds(100));
-}
-
-// Echoes, messages to a missing runtime (past Initialize's early return, each storing its pair) and
-// SetEmbeddedRuntime and DeployRuntime, which read the last pair, on many threads at once.
-TEST(InMemoryChannelRace, EchoesMissingRuntimesEmbeddedAndDeployOnManyThreads) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter();
-    Bytes deploy = makeMessage(cppRuntime, 0, "deploy");
-    std::atomic<int> wrong{0};
-    runTogether(16, [&](std::size_t thread) {
-        for (std::size_t round = 0; round < 400; ++round) {
-            Bytes echo = tagged(cppRuntime, thread, round);
-            Bytes missing = tagged(missingRuntime, thread, round);
-            switch ((thread + round) % 4) {
-                case 0:
-                case 1:
-                    wrong += sendAndRead(transmitter, echo, cppRuntime) != echo;
-                    break;
-                case 2:
-                    wrong += !fails([&] { sendAndRead(transmitter, missing, missingRuntime); },
-                                    round == 0 ? "Cannot load" : "Exception code 0");
-                    break;
-                default:
-                    try {
-                        round % 2 == 0
-                            ? transmitter->SetEmbeddedRuntime(cppRuntime, cppRuntime, 0, "/opt")
-                            : transmitter->DeployRuntime(deploy.data(),
-                                                         static_cast<int>(deploy.size()), "", 0);
-                    } catch (const std::exception& failure) {
-                        // Not installed (001), or the last pair names the missing runtime (019).
-                        wrong += std::string(failure.what()).find("Exception code 0") ==
-                                 std::string::npos;
-                    }
-                    break;
-            }
-        }
-    });
-    EXPECT_EQ(wrong.load(), 0);
 }
 
 // NotSet on a fresh process makes nothing; then the first creator decides the mode for the whole
