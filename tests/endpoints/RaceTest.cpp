@@ -1,34 +1,30 @@
-// Races on the roads that need no JVM. Under ThreadSanitizer a data race fails the test process;
-// in any build the assertions check that no answer goes to the wrong thread.
+// The receiver factory, and races on the roads that need no JVM. Under ThreadSanitizer a data race
+// fails the test process; in any build the assertions check that no answer goes to the wrong
+// thread.
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <regex>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include <functional>
-
 #include <ostrelink/RuntimeFactories.h>
 
+#include "common/Calls.h"
 #include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
-#include "endpoints/RaceSupport.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
-using Ostrelink::Native::Interfaces::GetReceiverFn;
-using Ostrelink::Native::Interfaces::GetTransmitterFn;
-using Ostrelink::Native::Interfaces::IReceiver;
-using Ostrelink::Native::Interfaces::ITransmitter;
+using namespace Ostrelink::Native::Interfaces;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -36,359 +32,268 @@ constexpr unsigned char jvmRuntime = 2;
 constexpr unsigned char cppRuntime = 8;
 constexpr unsigned char missingRuntime = 5;
 
-bool throwsWith(const std::function<void()>& call, const std::string& text) {
+IReceiver* createReceiver(RuntimeOperationMode mode = RuntimeOperationMode::Called) {
+    return HostLibrary::jvmRuntime().get<CreateReceiverFn>("CreateReceiver")(mode);
+}
+
+IReceiver* getReceiver() {
+    return HostLibrary::jvmRuntime().get<GetReceiverFn>("GetReceiver")();
+}
+
+ITransmitter* createTransmitter() {
+    return HostLibrary::jvmRuntime().get<CreateTransmitterFn>("CreateTransmitter")(
+        RuntimeOperationMode::Calling);
+}
+
+// Failures of the library write no line, and no record unless logDirectory exists: by default
+// hundreds of expected failures cost no 50 ms pause each.
+void quietFailures(const std::string& logDirectory = "/nonexistent/ostrelink-race-tests") {
+    setenv("OSTRELINK_LOGGING_LEVEL", "off", 1);
+    HostLibrary::jvmRuntime().get<int (*)(std::string)>(
+        "_Z23SetWorkingDirectoryPathNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE")(
+        logDirectory);
+}
+
+// Runs body(index) on count threads that leave together, so that their first calls meet; spins
+// rather than sleeps, since threads woken from a condition variable leave one by one.
+template <typename Body>
+void runTogether(std::size_t count, Body body) {
+    std::atomic<std::size_t> arrived{0};
+    std::vector<std::thread> threads;
+    for (std::size_t index = 0; index < count; ++index) {
+        threads.emplace_back([&, index] {
+            for (++arrived; arrived.load() < count;) {
+                std::this_thread::yield();
+            }
+            body(index);
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+// Whether call throws a text that holds text; a test failure too if it throws nothing.
+bool fails(const std::function<void()>& call, const char* text) {
     return failureOf(call).find(text) != std::string::npos;
 }
 
-// A directory with two jars, removed at the end of the test.
-class JarDirectory {
-public:
-    JarDirectory() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "race-jars-XXXXXX").string();
-        m_path = mkdtemp(pattern.data());
-        for (const char* name : {"a.jar", "b.jar"}) {
-            std::ofstream(m_path / name) << "PK";
-        }
-    }
-    ~JarDirectory() { std::filesystem::remove_all(m_path); }
-    JarDirectory(const JarDirectory&) = delete;
-    JarDirectory& operator=(const JarDirectory&) = delete;
-    std::string file(const char* name) const { return (m_path / name).string(); }
-    std::string path() const { return m_path.string(); }
+Bytes tagged(unsigned char target, std::size_t thread, std::size_t sequence) {
+    return makeMessage(target, 0, std::to_string(thread) + " " + std::to_string(sequence));
+}
 
-private:
-    std::filesystem::path m_path;
+// A temporary directory, removed at the end of the test.
+struct TempDirectory {
+    std::string pattern = (fs::temp_directory_path() / "race-XXXXXX").string();
+    std::string path = mkdtemp(pattern.data());
+    ~TempDirectory() { fs::remove_all(path); }
 };
 
-TEST(CreatorRace, CreatorsMeetingOnAFreshProcessAgreeOnOneReceiverAndOneTransmitter) {
-    constexpr std::size_t threads = 12;
-    std::vector<IReceiver*> receivers(threads, nullptr);
-    std::vector<ITransmitter*> transmitters(threads, nullptr);
-    auto& library = HostLibrary::jvmRuntime();
-    const auto setMode = library.get<int (*)()>("_Z30SetOperationModeForTransmitterv");
-    const auto getTransmitter = library.get<GetTransmitterFn>("GetTransmitter");
-    runTogether(threads, [&](std::size_t index) {
-        switch (index % 3) {
-            case 0:
-                receivers[index] = createReceiver(RuntimeOperationMode::Called);
-                break;
-            case 1:
-                transmitters[index] = createTransmitter(RuntimeOperationMode::Calling);
-                break;
-            default:
-                EXPECT_EQ(setMode(), 0);
-                transmitters[index] = getTransmitter();
-                break;
-        }
-    });
-    IReceiver* receiver = library.get<GetReceiverFn>("GetReceiver")();
-    ITransmitter* transmitter = getTransmitter();
-    ASSERT_NE(receiver, nullptr);
-    ASSERT_NE(transmitter, nullptr);
-    for (std::size_t index = 0; index < threads; ++index) {
-        if (index % 3 == 0) {
-            EXPECT_EQ(receivers[index], receiver) << "thread " << index;
-        } else {
-            EXPECT_EQ(transmitters[index], transmitter) << "thread " << index;
-        }
-    }
-    EXPECT_EQ(sendAndRead(receiver, healthCheckMessage()), acknowledgeBytes());
-}
-
-// Some races can happen only once in a process, and whether threads meet there depends on the
-// scheduler: body runs in several fresh child processes. Under ThreadSanitizer a child that sees
-// a race exits with 66; body exits with 1 on a failure of its own.
-void inFreshChildren(void (*body)()) {
-    for (int child = 0; child < 8; ++child) {
-        const int status = runForked(body);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-            << "child " << child << ": status " << status;
-    }
-}
-
-// Eight threads initialise a fresh receiver at once while four read with nothing stored, whose
-// failures carry the runtime info that Initialize is filling in.
-void initializeFromManyThreads() {
+// What can meet only once in a process: creators that agree on one receiver and one transmitter,
+// then the receiver's first Initialize from eight threads while four read with nothing stored;
+// first TCP messages to 24 addresses (each a new channel, loading the client library; port 1
+// refuses at once) while two threads that never sent read from the transmitter's channels; and
+// many kinds of messages on the fresh in-memory channel.
+// Exits 1 on a wrong answer; under ThreadSanitizer a race exits 66.
+void firstCallsOfAProcess() {
     quietFailures();
-    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
+    auto& library = HostLibrary::jvmRuntime();
+    const auto getTransmitter = library.get<GetTransmitterFn>("GetTransmitter");
+    const auto setMode = library.get<int (*)()>("_Z30SetOperationModeForTransmitterv");
+    std::vector<void*> made(12);
     std::atomic<int> wrong{0};
-    runTogether(12, [&](std::size_t thread) {
-        Bytes buffer(17, 0);
-        for (int read = 0; read < (thread < 8 ? 0 : 20); ++read) {
-            if (!throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041")) {
-                ++wrong;
-            }
-        }
-        try {
-            if (thread < 8 && receiver->Initialize(8, 2, 0) != 0) {
-                ++wrong;
-            }
-        } catch (const std::exception&) {
-            ++wrong;
+    runTogether(12, [&](std::size_t index) {
+        if (index % 3 == 0) {
+            made[index] = createReceiver();
+        } else if (index % 3 == 1) {
+            made[index] = createTransmitter();
+        } else {
+            wrong += setMode();
+            made[index] = getTransmitter();
         }
     });
+    IReceiver* receiver = getReceiver();
+    ITransmitter* transmitter = getTransmitter();
+    for (std::size_t index = 0; index < made.size(); ++index) {
+        wrong += made[index] != (index % 3 == 0 ? static_cast<void*>(receiver) : transmitter);
+    }
+    std::atomic<int> sending{24};
+    runTogether(50, [&](std::size_t thread) {
+        Bytes buffer(17, jvmRuntime);
+        if (thread < 8) {
+            wrong += receiver->Initialize(8, 2, 0);
+        } else if (thread < 12) {
+            for (int read = 0; read < 20; ++read) {
+                wrong += !fails([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
+            }
+        } else if (thread < 36) {
+            Bytes message = tagged(jvmRuntime, thread, 0);
+            setRoute(message, 1, {127, 0, 0, static_cast<unsigned char>(thread)}, 1);
+            wrong += !fails([&] { sendAndRead(transmitter, message, jvmRuntime); }, "127.0.0.");
+            --sending;
+        } else if (thread < 38) {
+            // No channel yet (029), a client object not made yet (013) or no reply stored.
+            while (sending.load() > 0) {
+                wrong += failureOf([&] { transmitter->ReadResponse(buffer.data(), 16); }).empty();
+            }
+        } else {
+            // First messages on the fresh in-memory channel, then more of each kind: echoes,
+            // messages to a missing runtime (past Initialize's early return, each storing its
+            // pair), and SetEmbeddedRuntime and DeployRuntime, which read the last pair.
+            for (std::size_t round = 0; round < 100; ++round) {
+                Bytes echo = tagged(cppRuntime, thread, round);
+                Bytes missing = tagged(missingRuntime, thread, round);
+                if ((thread + round) % 4 < 2) {
+                    wrong += sendAndRead(transmitter, echo, cppRuntime) != echo;
+                } else if ((thread + round) % 4 == 2) {
+                    wrong += !fails([&] { sendAndRead(transmitter, missing, missingRuntime); },
+                                    round == 0 ? "Cannot load" : "Exception code 0");
+                } else {
+                    try {
+                        round % 2 == 0 ? transmitter->SetEmbeddedRuntime(8, 8, 0, "/opt")
+                                       : transmitter->DeployRuntime(
+                                             echo.data(), static_cast<int>(echo.size()), "", 0);
+                    } catch (const std::exception& failure) {
+                        // Not installed (001), or the last pair names the missing runtime (019).
+                        wrong += std::string(failure.what()).find("Exception code 0") ==
+                                 std::string::npos;
+                    }
+                }
+            }
+        }
+    });
+    // The Cpp stand-in counts the Initialize calls its receiver got: one.
+    const Bytes runtimes = sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), 8);
+    wrong += payloadOf(runtimes) != Bytes({cppRuntime, cppRuntime, 0, 1});
     const bool answers = sendAndRead(receiver, healthCheckMessage()) == acknowledgeBytes();
     std::exit(wrong.load() == 0 && answers ? 0 : 1);
 }
 
-TEST(InitializeRace, ThreadsMeetingInInitializeOnAFreshReceiverAllSucceed) {
-    inFreshChildren(initializeFromManyThreads);
-}
-
-// The threads that waited for a run that failed get its failure, reported once; the next call
-// runs again.
-TEST(InitializeRace, ThreadsThatWaitedForAFailingRunGetItsFailure) {
-    const JarDirectory logs;
-    quietFailures(logs.path());
-    const std::string javaHome = std::getenv("JAVA_HOME");
-    setenv("JAVA_HOME", "/nonexistent", 1);
-    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
-    std::atomic<int> unclear{0};
-    runTogether(8, [&](std::size_t) {
-        if (!throwsWith([&] { receiver->Initialize(8, 2, 0); }, "Exception code 002")) {
-            ++unclear;
-        }
-    });
-    EXPECT_EQ(unclear.load(), 0);
-    // A run writes two records, each with a pause of 50 ms: threads that leave together all
-    // meet the first run. One late thread may start a second.
-    std::size_t records = 0;
-    for (const auto& file : std::filesystem::directory_iterator(logs.path())) {
-        std::stringstream content;
-        content << std::ifstream(file.path()).rdbuf();
-        for (std::size_t at = content.str().find("code 002"); at != std::string::npos;
-             at = content.str().find("code 002", at + 1)) {
-            ++records;
-        }
+// Whether the threads meet depends on the scheduler: several fresh child processes.
+TEST(FreshProcessRace, FirstCallsOfCreatorsInitializeTcpAndInMemoryChannelsMeetOnManyThreads) {
+    for (int child = 0; child < 8; ++child) {
+        const int status = runForked(firstCallsOfAProcess);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     }
-    EXPECT_GE(records, 2U);
-    EXPECT_LE(records, 4U);
-    setenv("JAVA_HOME", javaHome.c_str(), 1);
-    EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
 }
 
-// Even threads send (health checks and load-library commands), replace and read their answers;
-// odd threads only read, and must never find one: an answer that reaches the wrong thread shows
-// on both sides.
-TEST(ReplyStoreRace, HealthChecksLoadLibrariesAndEmptyReadsOnManyThreadsEachGetTheirOwnAnswer) {
+// Even threads send (health checks, load-library commands, and now and then two commands for one
+// read), odd threads only read and must never find an answer. Thread ids of ended threads are
+// handed out again: each wave's threads first check that no reply left by the last wave reaches
+// them.
+TEST(ReplyStoreRace, ManyThreadsAndTheirSuccessorsEachReadOnlyTheirOwnAnswer) {
     quietFailures();
-    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
-    const JarDirectory jars;
+    IReceiver* receiver = createReceiver();
+    const TempDirectory jars;
+    std::ofstream(jars.path + "/a.jar") << "PK";
     std::atomic<int> wrong{0};
-    runTogether(8, [&](std::size_t thread) {
-        Bytes buffer(17, 0);
-        const auto readFails = [&] {
-            return throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
-        };
-        for (std::size_t sequence = 0; sequence < 2000; ++sequence) {
-            if (thread % 2 == 1) {
-                wrong += readFails() ? 0 : 1;
-                continue;
+    for (int wave = 0; wave < 10; ++wave) {
+        runTogether(8, [&](std::size_t thread) {
+            Bytes buffer(17, 0);
+            const auto readFails = [&] {
+                return fails([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
+            };
+            wrong += !readFails();
+            for (std::size_t sequence = 0; sequence < 200; ++sequence) {
+                if (thread % 2 == 1) {
+                    wrong += !readFails();
+                    continue;
+                }
+                const std::string jar = thread % 4 == 0 ? jars.path : jars.path + "/a.jar";
+                Bytes message =
+                    sequence % 5 == 0 ? makeMessage(jvmRuntime, 1, jar) : healthCheckMessage();
+                if (sequence % 40 == 0) {
+                    receiver->SendCommand(message.data(), static_cast<int>(message.size()));
+                }
+                wrong += sendAndRead(receiver, message) != acknowledgeBytes();
+                wrong += sequence % 40 == 0 && !readFails();
             }
-            Bytes message =
-                sequence % 5 == 0
-                    ? makeMessage(jvmRuntime, 1, thread % 4 == 0 ? jars.path() : jars.file("a.jar"))
-                    : healthCheckMessage();
-            if (sequence % 40 == 0) {
-                // Two answers stored, one read: the second read finds nothing.
-                receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-            }
-            wrong += sendAndRead(receiver, message) == acknowledgeBytes() ? 0 : 1;
-            wrong += sequence % 40 != 0 || readFails() ? 0 : 1;
-        }
-    });
+            Bytes left = healthCheckMessage();
+            receiver->SendCommand(left.data(), static_cast<int>(left.size()));
+        });
+    }
     EXPECT_EQ(wrong.load(), 0);
 }
 
-TEST(ReplyStoreRace, RepliesLeftUnreadByEndedThreadsAreNotReadByTheirSuccessors) {
-    quietFailures();
-    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
-    std::atomic<int> stale{0};
-    // Thread ids of ended threads are handed out again: a new thread must not find the reply
-    // that an earlier holder of its id left behind.
-    for (int wave = 0; wave < 25; ++wave) {
-        runTogether(6, [&](std::size_t) {
-            Bytes buffer(17, 0);
-            if (!throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041")) {
-                ++stale;
-            }
-            Bytes message = healthCheckMessage();
-            receiver->SendCommand(message.data(), static_cast<int>(message.size()));
-        });
+// With a log directory each failure writes two records with a pause of 50 ms each. Threads that
+// wait for a failing Initialize get its failure, from one run (one late thread may start a
+// second); the next call runs again. Then a thread's failing reads must not hold up another
+// thread's health checks: none takes as long as one such read.
+TEST(InitializeRace, WaitersShareAFailingRunAndFailingReadsHoldUpNoOtherThread) {
+    const TempDirectory logs;
+    quietFailures(logs.path);
+    const std::string javaHome = std::getenv("JAVA_HOME");
+    setenv("JAVA_HOME", "/nonexistent", 1);
+    IReceiver* receiver = createReceiver();
+    std::atomic<int> unclear{0};
+    runTogether(8, [&](std::size_t) {
+        unclear += !fails([&] { receiver->Initialize(8, 2, 0); }, "Exception code 002");
+    });
+    EXPECT_EQ(unclear.load(), 0);
+    std::stringstream log;
+    for (const auto& file : fs::directory_iterator(logs.path)) {
+        log << std::ifstream(file.path()).rdbuf();
     }
-    EXPECT_EQ(stale.load(), 0);
-}
+    const std::string text = log.str();
+    const std::regex code("code 002");
+    const auto records = std::distance(std::sregex_iterator(text.begin(), text.end(), code), {});
+    EXPECT_TRUE(records >= 2 && records <= 4) << records;
+    setenv("JAVA_HOME", javaHome.c_str(), 1);
+    EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
 
-// A read with nothing stored writes two error-log records, each with a pause of 50 ms. Another
-// thread's health checks must not wait for it: none takes as long as one such read.
-TEST(ReplyStoreRace, FailingReadsOnOneThreadDoNotHoldUpAnotherThreadsHealthChecks) {
-    const JarDirectory logs;
-    quietFailures(logs.path());
-    IReceiver* receiver = createReceiver(RuntimeOperationMode::Called);
-    std::atomic<bool> done{false};
     std::atomic<int> failedReads{0};
     std::thread reader([&] {
         Bytes buffer(17, 0);
-        while (!done.load()) {
-            failedReads += throwsWith([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
+        while (failedReads.load() >= 0) {
+            failedReads += fails([&] { receiver->ReadResponse(buffer.data(), 17); }, "041");
         }
     });
     auto slowest = std::chrono::steady_clock::duration::zero();
     for (int roundTrips = 0; failedReads.load() < 3 || roundTrips < 1000; ++roundTrips) {
         const auto start = std::chrono::steady_clock::now();
-        if (sendAndRead(receiver, healthCheckMessage()) != acknowledgeBytes()) {
-            ADD_FAILURE() << "a wrong answer to a health check";
-            break;
-        }
+        EXPECT_EQ(sendAndRead(receiver, healthCheckMessage()), acknowledgeBytes());
         slowest = std::max(slowest, std::chrono::steady_clock::now() - start);
     }
-    done.store(true);
+    failedReads = -1000;
     reader.join();
     EXPECT_LT(slowest, std::chrono::milliseconds(100));
 }
 
-TEST(TransmitterRace, ConcurrentSendersInMemoryEachReadTheirOwnReplies) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    std::atomic<int> wrong{0};
-    runTogether(8, [&](std::size_t thread) {
-        for (std::size_t sequence = 0; sequence < 1000; ++sequence) {
-            // Echoed by the Cpp stand-in, or answered natively by this library's own receiver.
-            const Bytes message = sequence % 3 == 0
-                                      ? healthCheckMessage(jvmRuntime)
-                                      : makeMessage(cppRuntime, 0, taggedPayload(thread, sequence));
-            const Bytes expected = sequence % 3 == 0 ? acknowledgeBytes() : message;
-            if (sendAndRead(transmitter, message, message[0]) != expected) {
-                ++wrong;
-            }
-        }
-    });
-    EXPECT_EQ(wrong.load(), 0);
+// NotSet on a fresh process makes nothing; then the first creator decides the mode for the whole
+// process. A Called receiver prints the runtime info on its first Initialize only, a Calling one
+// never. Only exactly twelve bytes at offset 24 ask for a health check, and the tail of the read
+// buffer past the reply stays untouched.
+class Receiver : public testing::TestWithParam<RuntimeOperationMode> {};
+
+TEST_P(Receiver, NotSetRefusedThenTheFirstModeWinsForOneReceiverThatAnswersHealthChecks) {
+    EXPECT_EQ(getReceiver(), nullptr);
+    EXPECT_EQ(failureOf([] { createReceiver(RuntimeOperationMode::NotSet); }),
+              "Ostrelink Native Exception: Exception code 032. \nRuntime not initialized");
+    EXPECT_EQ(getReceiver(), nullptr);
+    const bool called = GetParam() == RuntimeOperationMode::Called;
+    IReceiver* receiver = createReceiver(GetParam());
+    ASSERT_NE(receiver, nullptr);
+    EXPECT_EQ(getReceiver(), receiver);
+    EXPECT_EQ(createReceiver(called ? RuntimeOperationMode::Calling : RuntimeOperationMode::Called),
+              receiver);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(receiver->Initialize(8, 2, 0), 0);
+    EXPECT_EQ(receiver->Initialize(5, 7, 3), 0);
+    const std::string output = testing::internal::GetCapturedStdout();
+    const std::string marker = "JVM Native Launcher Runtime Info";
+    EXPECT_EQ(output.find(marker) != std::string::npos, called);
+    EXPECT_EQ(output.find(marker), output.rfind(marker));
+    Bytes message = makeMessage(2, 0, "health_check and more");
+    ASSERT_EQ(receiver->SendCommand(message.data(), static_cast<int>(message.size())), 17);
+    Bytes reply(20, 0xEE);
+    EXPECT_EQ(receiver->ReadResponse(reply.data(), 20), 0);
+    Bytes expected = acknowledgeBytes();
+    expected.resize(20, 0xEE);
+    EXPECT_EQ(reply, expected);
 }
 
-TEST(InMemoryChannelRace, FirstMessagesMeetingOnAFreshChannelInitializeTheRuntimeOnce) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    std::atomic<int> wrong{0};
-    runTogether(16, [&](std::size_t thread) {
-        const Bytes message = makeMessage(cppRuntime, 0, taggedPayload(thread, 0));
-        if (sendAndRead(transmitter, message, message[0]) != message) {
-            ++wrong;
-        }
-    });
-    EXPECT_EQ(wrong.load(), 0);
-    // The stand-in counts the Initialize calls its receiver got; the channel made it once.
-    const Bytes runtimes =
-        sendAndRead(transmitter, makeMessage(cppRuntime, 0, "runtimes"), cppRuntime);
-    ASSERT_EQ(runtimes.size(), 15U);
-    EXPECT_EQ(runtimes[11], cppRuntime);  // calling
-    EXPECT_EQ(runtimes[12], cppRuntime);  // called
-    EXPECT_EQ(runtimes[14], 1);
-}
-
-TEST(InMemoryChannelRace, FirstMessagesToAMissingRuntimeAllFailCleanlyAndTheChannelStaysUsable) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    std::atomic<int> unclear{0};
-    runTogether(16, [&](std::size_t thread) {
-        Bytes message = makeMessage(missingRuntime, 0, taggedPayload(thread, 0));
-        if (!throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "Cannot load")) {
-            ++unclear;
-        }
-    });
-    EXPECT_EQ(unclear.load(), 0);
-    const Bytes message = makeMessage(cppRuntime, 0, "after");
-    EXPECT_EQ(sendAndRead(transmitter, message, cppRuntime), message);
-}
-
-// Messages to a runtime that is not installed go past Initialize's early return and store their
-// pair each time, while other threads read the stored pair to pick the target of
-// SetEmbeddedRuntime and DeployRuntime.
-TEST(InMemoryChannelRace, EmbeddedAndDeployReadTheLastPairWhileOtherThreadsStoreOne) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    Bytes deploy = makeMessage(cppRuntime, 0, "deploy");
-    std::atomic<int> unclear{0};
-    runTogether(4, [&](std::size_t thread) {
-        for (std::size_t round = 0; round < 200; ++round) {
-            Bytes missing = makeMessage(missingRuntime, 0, taggedPayload(thread, round));
-            try {
-                switch ((thread + round) % 3) {
-                    case 0:
-                        transmitter->SendCommand(missing.data(), static_cast<int>(missing.size()));
-                        ++unclear;  // the runtime is not installed
-                        break;
-                    case 1:
-                        transmitter->SetEmbeddedRuntime(cppRuntime, cppRuntime, 0, "/opt");
-                        break;
-                    default:
-                        transmitter->DeployRuntime(deploy.data(), static_cast<int>(deploy.size()),
-                                                   "", 0);
-                        break;
-                }
-            } catch (const std::exception& exception) {
-                // Not installed (001), or the last pair names the missing runtime (019).
-                if (std::string(exception.what()).find("Exception code 0") == std::string::npos) {
-                    ++unclear;
-                }
-            }
-        }
-    });
-    EXPECT_EQ(unclear.load(), 0);
-}
-
-// A thread that never sent reads from the transmitter's current channel, which may be a network
-// channel whose first Initialize makes its client object on another thread right then.
-TEST(NetworkChannelRace, ReadsOfAThreadThatNeverSentMeetTheFirstInitializeOfNewChannels) {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    std::atomic<bool> sending{true};
-    std::atomic<int> answered{0};
-    runTogether(2, [&](std::size_t thread) {
-        if (thread == 0) {
-            // Port 1 of loopback addresses refuses at once; each address is a new channel.
-            for (unsigned char host = 1; host <= 100; ++host) {
-                Bytes message = makeMessage(jvmRuntime, 0, "x");
-                setRoute(message, 1, {127, 0, 0, host}, 1);
-                throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "");
-            }
-            sending = false;
-            return;
-        }
-        Bytes buffer(16, jvmRuntime);
-        while (sending) {
-            // Nothing was sent from here: every read fails, with no channel yet (029), a
-            // client object not made yet (013) or no reply stored in the client.
-            if (!throwsWith([&] { transmitter->ReadResponse(buffer.data(), 16); }, "")) {
-                ++answered;
-            }
-        }
-    });
-    EXPECT_EQ(answered.load(), 0);
-}
-
-// Sibling libraries are loaded on first need and their handles kept: first needs that meet on
-// several threads must not race on the kept handle. Each network channel has a lock of its own,
-// so two channels load the TCP client library at once. Only the first load of a process can
-// race.
-void firstTcpMessagesFromManyThreads() {
-    quietFailures();
-    ITransmitter* transmitter = createTransmitter(RuntimeOperationMode::Calling);
-    std::atomic<int> unclear{0};
-    // One channel per address; port 1 of loopback addresses refuses at once.
-    runTogether(24, [&](std::size_t thread) {
-        Bytes message = makeMessage(jvmRuntime, 0, taggedPayload(thread, 0));
-        setRoute(message, 1, {127, 0, 0, static_cast<unsigned char>(thread + 1)}, 1);
-        if (!throwsWith([&] { sendAndRead(transmitter, message, message[0]); }, "127.0.0.")) {
-            ++unclear;
-        }
-    });
-    std::exit(unclear.load() == 0 ? 0 : 1);
-}
-
-TEST(LibraryLoadRace, FirstTcpMessagesToManyAddressesLoadTheClientLibrarySafely) {
-    inFreshChildren(firstTcpMessagesFromManyThreads);
-}
+INSTANTIATE_TEST_SUITE_P(Modes, Receiver,
+                         testing::Values(RuntimeOperationMode::Calling,
+                                         RuntimeOperationMode::Called));
 
 }  // namespace

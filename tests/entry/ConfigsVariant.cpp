@@ -1,6 +1,6 @@
 // A broken Configs library for the facade's failure rules. Of the sixteen exports it has only
-// three: SetConfigSource (a plain struct for "throw struct") and GetChannelHost throw, GetProxyPort
-// answers. GetLoggingLevel, GetWorkingDirectory and the rest are missing.
+// two, which throw: SetConfigSource (a plain struct for "throw struct") and GetChannelHost.
+// GetLoggingLevel, GetWorkingDirectory and the rest are missing.
 
 #include <stdexcept>
 #include <string>
@@ -18,8 +18,4 @@ VARIANT_EXPORT int SetConfigSource(const char* source) {
 
 VARIANT_EXPORT std::string GetChannelHost(const char*, const char*) {
     throw std::runtime_error("Configs variant: no hosts here");
-}
-
-VARIANT_EXPORT int GetProxyPort() {
-    return 3128;
 }

@@ -12,20 +12,12 @@ using Ostrelink::Native::ConfigHandler::ConfigHandler;
 
 #define PROBE_EXPORT extern "C" __attribute__((visibility("default")))
 
-PROBE_EXPORT std::string ProbeGetConfigSource() {
-    return ConfigHandler::GetConfigSource();
-}
-
 PROBE_EXPORT int ProbeGetChannelPort() {
     return ConfigHandler::GetChannelPort("python", "main");
 }
 
 PROBE_EXPORT std::string ProbeGetChannelHost() {
     return ConfigHandler::GetChannelHost("python", "main");
-}
-
-PROBE_EXPORT int ProbeGetProxyPort() {
-    return ConfigHandler::GetProxyPort();
 }
 
 // Reports once, then copies: the copy carries the text and reports nothing.

@@ -1,11 +1,9 @@
 import static com.ostrelink.core.transmitter.TransmitterWrapper.*;
 
 import java.io.File;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
-import java.text.SimpleDateFormat;
 import java.util.*;
-import java.util.concurrent.atomic.AtomicReference;
+import java.util.concurrent.ConcurrentHashMap;
 
 // Drives the natives of TransmitterWrapper from a real JVM: java NativesProbe FIRST
 // DIRECTORY, FIRST the native that comes first in the process. After sendCommand every other
@@ -46,11 +44,10 @@ public final class NativesProbe {
         Thread watchdog = new Thread(() -> {
             try {
                 Thread.sleep(10000);
+                System.out.println("FAIL foreignThread: the JVM still runs 10 s after main returned");
+                Runtime.getRuntime().halt(1);
             } catch (InterruptedException e) {
-                return;
             }
-            System.out.println("FAIL foreignThread: the JVM still runs 10 s after main returned");
-            Runtime.getRuntime().halt(1);
         });
         watchdog.setDaemon(true);
         watchdog.start();
@@ -66,32 +63,25 @@ public final class NativesProbe {
     // where expected ends in "...".
     private static void is(int actual, int code, String expected) {
         String error = getNativeError();
-        boolean start = expected.endsWith("...");
-        check(actual == code && (start
-                ? error.startsWith(expected.substring(0, expected.length() - 3))
-                : error.equals(expected)),
+        check(actual == code && (expected.endsWith("...")
+                ? error.startsWith(expected.replace("...", "")) : error.equals(expected)),
                 "expected " + code + " \"" + expected + "\", got " + actual + " \"" + error + "\"");
     }
 
     // A message to runtime target over the in-memory channel, from the JVM, with payload.
     private static byte[] message(int target, String payload) {
-        byte[] text = payload.getBytes(StandardCharsets.US_ASCII);
-        byte[] bytes = new byte[24 + text.length];
+        byte[] bytes = (new String(new char[24]) + payload).getBytes();
         bytes[0] = (byte) target;
         bytes[9] = (byte) JVM;
-        System.arraycopy(text, 0, bytes, 24, text.length);
         return bytes;
     }
 
     // Sends to target and reads the reply into a longer buffer, over bytes that were there: the
     // message comes back, the Java array unchanged, and zeros behind it.
     private static void roundTrip(int target, String payload) {
-        byte[] request = message(target, payload);
-        byte[] original = request.clone();
+        byte[] request = message(target, payload), original = request.clone();
+        byte[] response = message(target, payload.replaceAll(".", "Z") + "ZZZZZZZZ");
         is(sendCommand(request), request.length, SHORT);
-        byte[] response = new byte[request.length + 8];
-        Arrays.fill(response, (byte) 0x5A);
-        response[0] = (byte) target;
         is(readResponse(response), 0, SHORT);
         check(Arrays.equals(request, original)
                 && Arrays.equals(response, Arrays.copyOf(request, response.length)),
@@ -125,33 +115,23 @@ public final class NativesProbe {
         is(setConfigSource(null), -6, "setConfigSource: the source string is null");
         is(setWorkingDirectory(null), -7, "setWorkingDirectory: the path string is null");
 
-        // The configuration's failures reach Java; once set, the error log goes to its working
-        // directory, in a file named by the local date.
+        // The configuration's failures reach Java.
         File missing = new File(directory, "missing.conf");
         is(setConfigSource(missing.getPath()), -6,
                 "Configs: configuration source not found: " + missing);
         is(setWorkingDirectory(""), -7, "Configs: working directory path is empty");
-        File logs = new File(directory, "logs");
         File source = new File(directory, "good.conf");
-        logs.mkdirs();
-        Files.write(source.toPath(),
-                ("workingDirectory = " + logs + "\n").getBytes(StandardCharsets.UTF_8));
+        Files.write(source.toPath(), ("workingDirectory = " + directory + "\n").getBytes());
         is(setConfigSource(source.getPath()), 0, "Configs: working directory path is empty");
+        is(setWorkingDirectory(directory.getPath()), 0, "Configs: working directory path is empty");
         is(sendCommand(new byte[5]), -2, SHORT);
-        String date = new SimpleDateFormat("yyyy-MM-dd").format(new Date());
-        File log = new File(logs, "_OstrelinkNativeErrorLogger_" + date + ".txt");
-        check(new String(Files.readAllBytes(log.toPath()), StandardCharsets.UTF_8)
-                .endsWith("\t" + SHORT + "\n"), "the record in " + log);
-        is(setWorkingDirectory(directory.getPath()), 0, SHORT);
 
         roundTrip(CPP, "hello");
         // Java -> in-memory channel -> this library's own receiver, which in Calling mode adopts
         // the JVM that runs here -> Receiver.sendCommand in this same JVM.
         roundTrip(JVM, "back into Java");
         // The reply has been taken: a second read fails in the called runtime.
-        byte[] again = new byte[32];
-        again[0] = (byte) CPP;
-        is(readResponse(again), -3, "Cpp runtime...");
+        is(readResponse(message(CPP, "        ")), -3, "Cpp runtime...");
         is(sendCommand(message(CPP, "fail")), -2, "Cpp runtime: command failed on request");
         is(sendCommand(message(CPP, "throw struct")), -2, NATIVE + "035. \nA library on the way of "
                 + "this call threw an exception that is not a std::exception");
@@ -172,34 +152,28 @@ public final class NativesProbe {
     // Threads fail with texts of different lengths and read the text in between: every read must
     // be one whole text of the set.
     private static void concurrentErrors(File directory) throws Exception {
-        final Set<String> texts = new HashSet<String>(Arrays.asList(SHORT));
-        final AtomicReference<String> wrong = new AtomicReference<String>();
-        List<Thread> threads = new ArrayList<Thread>();
-        for (int t = 0; t < 6; ++t) {
-            String name = new String(new char[40 * t + 1]).replace('\0', 'x');
-            final String path = new File(directory, name).getPath();
-            final boolean sends = t % 2 == 0;
+        Set<String> texts = ConcurrentHashMap.newKeySet();
+        texts.add(SHORT);
+        List<String> wrong = Collections.synchronizedList(new ArrayList<String>());
+        Thread[] threads = new Thread[6];
+        for (int t = 0; t < threads.length; ++t) {
+            String path = new File(directory, new String(new char[40 * t + 1]).replace('\0', 'x')).getPath();
+            boolean sends = t % 2 == 0;
             texts.add("Configs: configuration source not found: " + path);
-            threads.add(new Thread(() -> {
+            threads[t] = new Thread(() -> {
                 for (int i = 0; i < 3000; ++i) {
-                    if (i % 500 == 0 && sends) {
-                        sendCommand(new byte[3]);
-                    } else if (i % 500 == 0) {
-                        setConfigSource(path);
-                    }
+                    int ignored = i % 500 != 0 ? 0 : sends ? sendCommand(new byte[3]) : setConfigSource(path);
                     String seen = getNativeError();
                     if (!texts.contains(seen)) {
-                        wrong.compareAndSet(null, seen);
+                        wrong.add(seen);
                     }
                 }
-            }));
-        }
-        for (Thread thread : threads) {
-            thread.start();
+            });
+            threads[t].start();
         }
         for (Thread thread : threads) {
             thread.join();
         }
-        check(wrong.get() == null, "torn or unknown text: \"" + wrong.get() + "\"");
+        check(wrong.isEmpty(), "torn or unknown texts: " + wrong);
     }
 }
