@@ -1,16 +1,14 @@
 // The LeakCheck test: runs every kind of command, succeeding and failing, many times over on the
 // main thread (which stays attached to the JVM, so a leaked JNI local reference piles up there)
 // and on short-lived threads, under -Xcheck:jni (whose warnings fail the test). Exits 1 on a
-// wrong outcome or, without a sanitizer, when the heap grows over the second half of the rounds;
-// in sanitizer builds LeakSanitizer checks at exit instead.
+// wrong outcome, or when glibc's heap grows over the second half of the rounds. (Under
+// AddressSanitizer, which allocates outside that heap, LeakSanitizer checks at exit instead.)
 //   hardening_leak_probe ROUNDS
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -21,76 +19,11 @@
 
 #include "NetworkTestSupport.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool sanitized = true;
-#elif defined(__has_feature)
-constexpr bool sanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool sanitized = false;
-#endif
-
 using namespace Ostrelink::Native::Interfaces;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 
-namespace {
-
-int wrong = 0;
-
-void expect(bool condition, const char* what) {
-    if (!condition && ++wrong <= 20) {
-        std::cout << "leak probe: wrong outcome: " << what << std::endl;
-    }
-}
-
-void expectFailure(const std::function<void()>& call, const std::string& text, const char* what) {
-    expect(failureOf(call).find(text) != std::string::npos, what);
-}
-
-struct Probe {
-    IReceiver* receiver;
-    ITransmitter* transmitter;
-    std::string jar;
-    std::string missingJar;
-    unsigned short refusingPort;
-
-    // Every kind of command once.
-    void round() const {
-        const auto echoes = [](auto* endpoint, const Bytes& message) {
-            return sendAndRead(endpoint, message, message[0]) == message;
-        };
-        const auto acknowledged = [this](const Bytes& message) {
-            return sendAndRead(receiver, message, 2) == acknowledgeBytes();
-        };
-        expect(echoes(receiver, makeMessage(2, 0, "echo through Java")), "java echo");
-        expect(acknowledged(makeMessage(2, 11, "12")), "heartbeat");
-        // A reply of type ExceptionReply goes through the receiver's exception telemetry.
-        expect(echoes(receiver, makeMessage(2, 10, "exception reply")), "exception reply");
-        expect(acknowledged(healthCheckMessage()), "health check");
-        expect(acknowledged(makeMessage(2, 1, jar)), "load library");
-        expectFailure([&] { sendAndRead(receiver, makeMessage(2, 1, missingJar)); }, "004",
-                      "missing jar");
-        Bytes buffer(17, 0);
-        expectFailure([&] { receiver->ReadResponse(buffer.data(), 17); }, "041", "nothing stored");
-        expectFailure([&] { receiver->SendCommand(buffer.data(), 5); }, "042", "short message");
-
-        expect(echoes(transmitter, makeMessage(8, 0, "echo in memory")), "in-memory echo");
-        expectFailure([&] { sendAndRead(transmitter, makeMessage(5, 0, "missing"), 5); },
-                      "Cannot load", "missing runtime");
-        Bytes outbound = makeMessage(8, 0, "unknown type");
-        outbound[2] = 3;
-        expectFailure([&] { sendAndRead(transmitter, outbound, 8); }, "023", "unknown type");
-        expectFailure([&] { transmitter->SendCommand(buffer.data(), 10); }, "less than 11",
-                      "short outbound message");
-        setRoute(outbound, 1, {127, 0, 0, 1}, refusingPort);
-        expectFailure([&] { sendAndRead(transmitter, outbound, 8); }, "cannot connect",
-                      "connection refused");
-    }
-};
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::atoi(argv[1]) : 4000;
+int main(int, char** argv) {
+    const int rounds = std::atoi(argv[1]);
     setenv("OSTRELINK_LOGGING_LEVEL", "off", 1);
     auto& library = HostLibrary::jvmRuntime();
     // Failures write no record: each record costs a 50 ms pause.
@@ -100,27 +33,70 @@ int main(int argc, char** argv) {
     IReceiver* receiver =
         library.get<CreateReceiverFn>("CreateReceiver")(RuntimeOperationMode::Called);
     receiver->Initialize(8, 2, 0);
+    ITransmitter* transmitter =
+        library.get<CreateTransmitterFn>("CreateTransmitter")(RuntimeOperationMode::Called);
     const TemporaryDirectory directory;
     std::ofstream(directory.file("probe.jar")) << "PK";
-    const Probe probe{
-        receiver,
-        library.get<CreateTransmitterFn>("CreateTransmitter")(RuntimeOperationMode::Called),
-        directory.file("probe.jar"), directory.file("missing.jar"), unusedPort()};
+    const unsigned short refusingPort = unusedPort();
+
+    int wrong = 0;
+    const auto expect = [&wrong](bool condition, const char* what) {
+        if (!condition && ++wrong <= 20) {
+            std::cout << "leak probe: wrong outcome: " << what << std::endl;
+        }
+    };
+    const auto fails = [](const std::function<void()>& call, const std::string& text) {
+        return failureOf(call).find(text) != std::string::npos;
+    };
+    const auto echoes = [](auto* endpoint, const Bytes& message) {
+        return sendAndRead(endpoint, message, message[0]) == message;
+    };
+    // Every kind of command once.
+    const auto round = [&] {
+        const auto acknowledged = [receiver](const Bytes& message) {
+            return sendAndRead(receiver, message, 2) == acknowledgeBytes();
+        };
+        expect(echoes(receiver, makeMessage(2, 0, "echo through Java")), "java echo");
+        expect(acknowledged(makeMessage(2, 11, "12")), "heartbeat");
+        // A reply of type ExceptionReply goes through the receiver's exception telemetry.
+        expect(echoes(receiver, makeMessage(2, 10, "exception reply")), "exception reply");
+        expect(acknowledged(healthCheckMessage()), "health check");
+        expect(acknowledged(makeMessage(2, 1, directory.file("probe.jar"))), "load library");
+        expect(fails([&] { sendAndRead(receiver, makeMessage(2, 1, directory.file("no.jar"))); },
+                     "004"),
+               "missing jar");
+        Bytes buffer(17, 0);
+        expect(fails([&] { receiver->ReadResponse(buffer.data(), 17); }, "041"), "nothing stored");
+        expect(fails([&] { receiver->SendCommand(buffer.data(), 5); }, "042"), "short message");
+
+        expect(echoes(transmitter, makeMessage(8, 0, "echo in memory")), "in-memory echo");
+        expect(fails([&] { sendAndRead(transmitter, makeMessage(5, 0, "missing"), 5); },
+                     "Cannot load"),
+               "missing runtime");
+        Bytes outbound = makeMessage(8, 0, "unknown type");
+        outbound[2] = 3;
+        expect(fails([&] { sendAndRead(transmitter, outbound, 8); }, "023"), "unknown type");
+        expect(fails([&] { transmitter->SendCommand(buffer.data(), 10); }, "less than 11"),
+               "short outbound message");
+        setRoute(outbound, 1, {127, 0, 0, 1}, refusingPort);
+        expect(fails([&] { sendAndRead(transmitter, outbound, 8); }, "cannot connect"),
+               "connection refused");
+    };
 
     // Heap in use at every tenth of the run. The JVM's own use settles only after some thousands
     // of commands (the JIT compiles the roads), so growth is judged over the second half alone:
     // a leak on any road grows it in every tenth (one 32-byte block per round is 12 KiB a
     // tenth), the JVM's own use only in steps now and then.
     std::vector<long> heap;
-    bool grew = !sanitized && rounds >= 10;
+    bool grew = rounds >= 10;
     std::cout << "leak probe: heap in use at each tenth:";
-    for (int round = 0; round < rounds; ++round) {
-        probe.round();
+    for (int index = 0; index < rounds; ++index) {
+        round();
         // A thread the JVM has never seen: attached for its commands, detached at its end.
-        if (round % 10 == 0) {
-            std::thread([&probe] { probe.round(); }).join();
+        if (index % 10 == 0) {
+            std::thread(round).join();
         }
-        if ((round + 1) % std::max(1, rounds / 10) == 0) {
+        if ((index + 1) % std::max(1, rounds / 10) == 0) {
             heap.push_back(static_cast<long>(mallinfo2().uordblks));
             std::cout << " " << heap.back();
             grew = grew && (heap.size() <= 5 || heap.back() - heap[heap.size() - 2] > 8 * 1024);
