@@ -34,8 +34,8 @@ protected:
             RuntimeOperationMode::Calling);
     }
 
-    Bytes message(unsigned char connectionType, unsigned short port) {
-        Bytes bytes = makeMessage(2, 0, "hostile");
+    Bytes message(unsigned char connectionType, unsigned short port,
+                  Bytes bytes = makeMessage(2, 0, "hostile")) {
         setRoute(bytes, connectionType, {127, 0, 0, 1}, port);
         return bytes;
     }
@@ -131,9 +131,8 @@ TEST_F(HostilePeer, ACertificateForAnotherAddressFailsVerificationWithAClearText
     // check, which needs no JVM start in the server within the short time-out).
     ServerProcess rightServer({"--port", "0", "--tls-cert", certificates.serverCert, "--tls-key",
                                certificates.serverKey});
-    Bytes good = healthCheckMessage();
-    setRoute(good, 2, {127, 0, 0, 1}, rightServer.port());
-    EXPECT_EQ(sendAndRead(m_transmitter, good, 2), acknowledgeBytes());
+    EXPECT_EQ(sendAndRead(m_transmitter, message(2, rightServer.port(), healthCheckMessage()), 2),
+              acknowledgeBytes());
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,7 +21,7 @@
 using namespace Ostrelink::Native::Interfaces;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 
-int main(int, char** argv) {
+int main(int, char** argv) try {
     const int rounds = std::atoi(argv[1]);
     setenv("OSTRELINK_LOGGING_LEVEL", "off", 1);
     auto& library = HostLibrary::jvmRuntime();
@@ -106,4 +105,8 @@ int main(int, char** argv) {
               << "\nleak probe: " << rounds << " rounds, " << wrong << " wrong outcomes"
               << std::endl;
     return wrong == 0 && !grew ? 0 : 1;
+} catch (const std::exception& error) {
+    // A command that throws where it should answer is a wrong outcome too.
+    std::cout << "\nleak probe: " << error.what() << std::endl;
+    return 1;
 }
