@@ -1,5 +1,7 @@
 #include "common/Messages.h"
 
+#include <algorithm>
+
 using Ostrelink::Native::Definitions::CommandHeader;
 
 Bytes makeMessage(unsigned char targetRuntime, unsigned char commandType,
@@ -9,9 +11,8 @@ Bytes makeMessage(unsigned char targetRuntime, unsigned char commandType,
     message[CommandHeader::targetRuntime] = targetRuntime;
     message[CommandHeader::callingRuntime] = callingRuntime;
     message[CommandHeader::commandType] = commandType;
-    for (std::size_t i = 0; i < payloadText.size(); ++i) {
-        message[offset + i] = static_cast<unsigned char>(payloadText[i]);
-    }
+    std::copy(payloadText.begin(), payloadText.end(),
+              message.begin() + CommandHeader::payloadTextOffset);
     return message;
 }
 
@@ -34,9 +35,7 @@ Bytes payloadOf(const Bytes& reply) {
 void setRoute(Bytes& message, unsigned char connectionType, const unsigned char (&address)[4],
               unsigned short port) {
     message[CommandHeader::connectionType] = connectionType;
-    for (int i = 0; i < 4; ++i) {
-        message[static_cast<std::size_t>(CommandHeader::hostAddress + i)] = address[i];
-    }
+    std::copy(address, address + 4, message.begin() + CommandHeader::hostAddress);
     message[CommandHeader::hostPort] = static_cast<unsigned char>(port & 0xFF);
     message[CommandHeader::hostPort + 1] = static_cast<unsigned char>(port >> 8);
 }
