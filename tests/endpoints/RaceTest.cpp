@@ -21,6 +21,7 @@
 #include "common/Calls.h"
 #include "common/ChildProcess.h"
 #include "common/HostLibrary.h"
+#include "common/TemporaryDirectory.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using namespace Ostrelink::Native::Interfaces;
@@ -81,13 +82,6 @@ bool fails(const std::function<void()>& call, const char* text) {
 Bytes tagged(unsigned char target, std::size_t thread, std::size_t sequence) {
     return makeMessage(target, 0, std::to_string(thread) + " " + std::to_string(sequence));
 }
-
-// A temporary directory, removed at the end of the test.
-struct TempDirectory {
-    std::string pattern = (fs::temp_directory_path() / "race-XXXXXX").string();
-    std::string path = mkdtemp(pattern.data());
-    ~TempDirectory() { fs::remove_all(path); }
-};
 
 // What can meet only once in a process: creators that agree on one receiver and one transmitter,
 // then the receiver's first Initialize from eight threads while four read with nothing stored;
@@ -184,8 +178,8 @@ TEST(FreshProcessRace, FirstCallsOfCreatorsInitializeTcpAndInMemoryChannelsMeetO
 TEST(ReplyStoreRace, ManyThreadsAndTheirSuccessorsEachReadOnlyTheirOwnAnswer) {
     quietFailures();
     IReceiver* receiver = createReceiver();
-    const TempDirectory jars;
-    std::ofstream(jars.path + "/a.jar") << "PK";
+    const TemporaryDirectory jars;
+    std::ofstream(jars.file("a.jar")) << "PK";
     std::atomic<int> wrong{0};
     for (int wave = 0; wave < 10; ++wave) {
         runTogether(8, [&](std::size_t thread) {
@@ -199,7 +193,7 @@ TEST(ReplyStoreRace, ManyThreadsAndTheirSuccessorsEachReadOnlyTheirOwnAnswer) {
                     wrong += !readFails();
                     continue;
                 }
-                const std::string jar = thread % 4 == 0 ? jars.path : jars.path + "/a.jar";
+                const std::string jar = thread % 4 == 0 ? jars.path() : jars.file("a.jar");
                 Bytes message =
                     sequence % 5 == 0 ? makeMessage(jvmRuntime, 1, jar) : healthCheckMessage();
                 if (sequence % 40 == 0) {
@@ -220,8 +214,8 @@ TEST(ReplyStoreRace, ManyThreadsAndTheirSuccessorsEachReadOnlyTheirOwnAnswer) {
 // second); the next call runs again. Then a thread's failing reads must not hold up another
 // thread's health checks: none takes as long as one such read.
 TEST(InitializeRace, WaitersShareAFailingRunAndFailingReadsHoldUpNoOtherThread) {
-    const TempDirectory logs;
-    quietFailures(logs.path);
+    const TemporaryDirectory logs;
+    quietFailures(logs.path());
     const std::string javaHome = std::getenv("JAVA_HOME");
     setenv("JAVA_HOME", "/nonexistent", 1);
     IReceiver* receiver = createReceiver();
@@ -231,7 +225,7 @@ TEST(InitializeRace, WaitersShareAFailingRunAndFailingReadsHoldUpNoOtherThread) 
     });
     EXPECT_EQ(unclear.load(), 0);
     std::stringstream log;
-    for (const auto& file : fs::directory_iterator(logs.path)) {
+    for (const auto& file : fs::directory_iterator(logs.path())) {
         log << std::ifstream(file.path()).rdbuf();
     }
     const std::string text = log.str();

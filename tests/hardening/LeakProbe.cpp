@@ -17,6 +17,7 @@
 #include <ostrelink/RuntimeFactories.h>
 
 #include "NetworkTestSupport.h"
+#include "common/TemporaryDirectory.h"
 
 using namespace Ostrelink::Native::Interfaces;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;

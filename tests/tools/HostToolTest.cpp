@@ -12,6 +12,7 @@
 
 #include "common/ChildProcess.h"
 #include "common/StageCopy.h"
+#include "common/TemporaryDirectory.h"
 
 using testing::_;
 using testing::AllOf;
@@ -72,12 +73,10 @@ protected:
         }
     }
 
-    void SetUp() override { ASSERT_NE(mkdtemp(m_directory.data()), nullptr); }
-    void TearDown() override { fs::remove_all(m_directory); }
-    const std::string& directory() const { return m_directory; }
+    const std::string& directory() const { return m_directory.path(); }
 
 private:
-    std::string m_directory = (fs::temp_directory_path() / "ostrelink-host-XXXXXX").string();
+    const TemporaryDirectory m_directory;
 };
 
 TEST_F(HostTool, CommandLinesThatStartNoJvm) {
