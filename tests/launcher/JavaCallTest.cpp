@@ -39,7 +39,7 @@ TEST(JavaCall, EachCommandTakesItsRoadAndLeavesEachThreadAsItWas) {
 // start would fail with code 035), and every reply goes back to the thread that asked for it.
 // With OSTRELINK_KEEP_THREADS_ATTACHED (any case) a thread the JVM has never seen stays attached
 // after its command, as a daemon, and is detached when it ends: the count of live Java threads
-// comes back.
+// comes back. A thread the host attached stays the host's: it may detach it between commands.
 TEST(JavaCall, ThreadsThatStartTogetherShareOneJvmAndKeptThreadsStayAttachedUntilTheyEnd) {
     setenv("OSTRELINK_KEEP_THREADS_ATTACHED", "True", 1);
     const InstallationCopy copy;
@@ -59,9 +59,14 @@ TEST(JavaCall, ThreadsThatStartTogetherShareOneJvmAndKeptThreadsStayAttachedUnti
     EXPECT_EQ(runningJvms().size(), 1U);
     const std::string before = textOf(sendAndRead(receiver, javaCommand("threads")));
     std::thread([&] {
+        JavaVM* jvm = runningJvms().at(0);
+        void* env = nullptr;
+        ASSERT_EQ(jvm->AttachCurrentThread(&env, nullptr), JNI_OK);
+        EXPECT_EQ(sendAndRead(receiver, javaCommand("hosted")), javaCommand("hosted"));
+        jvm->DetachCurrentThread();
         const std::string during = std::to_string(std::stoi(before) + 1) + " true";
         EXPECT_EQ(textOf(sendAndRead(receiver, javaCommand("threads"))), during);
-        EXPECT_EQ(attachState(runningJvms().at(0)), JNI_OK);
+        EXPECT_EQ(attachState(jvm), JNI_OK);
     }).join();
     EXPECT_EQ(textOf(sendAndRead(receiver, javaCommand("threads"))), before);
 }
