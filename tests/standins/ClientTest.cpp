@@ -15,7 +15,8 @@ using testing::StartsWith;
 namespace {
 
 // Connection 0 answers once, then takes a command and hangs up; connection 1 answers half a
-// reply; every later one answers once and hangs up, as an idle time-out does.
+// reply; connection 2 sends a frame nobody asked for right behind its reply, so it must not be
+// used again; every later one answers once and hangs up, as an idle time-out does.
 TEST(NetworkTcpClient, ABrokenConnectionIsReplacedButNoCommandIsSentTwice) {
     std::atomic<int> requests{0};
     TestPeer peer([&requests](int fd, int index) {
@@ -27,6 +28,13 @@ TEST(NetworkTcpClient, ABrokenConnectionIsReplacedButNoCommandIsSentTwice) {
             }
             if (index == 1) {
                 return writeRaw(fd, {0, 0, 0, 100, 1, 2, 3});
+            }
+            if (index == 2) {
+                Bytes both{0, 0, 0, static_cast<unsigned char>(request.size())};
+                both.insert(both.end(), request.begin(), request.end());
+                both.insert(both.end(), {0, 0, 0, 1, 9});
+                writeRaw(fd, both);
+                continue;
             }
             writeRawFrame(fd, request);
             if (index > 1) {
