@@ -54,8 +54,11 @@ struct ThreadChannel {
 };
 thread_local ThreadChannel threadChannel;
 
-bool isKnownConnectionType(unsigned char connectionType) {
-    return connectionType <= static_cast<unsigned char>(ConnectionType::Tls);
+// Code 023 for a connection type that names no channel, before anything is chosen.
+void refuseUnknownConnectionType(const unsigned char* message) {
+    if (message[CommandHeader::connectionType] > static_cast<unsigned char>(ConnectionType::Tls)) {
+        Failures::raise(Failures::Failure::UnknownConnectionType);
+    }
 }
 
 // Routing reads the header, so a message without a whole one is refused before any byte of it.
@@ -123,10 +126,7 @@ unsigned char NativeTransmitter::DeployRuntime(unsigned char* message, int lengt
 }
 
 std::shared_ptr<ITransport> NativeTransmitter::GetTransportChannel(unsigned char* message) {
-    const unsigned char connectionType = message[CommandHeader::connectionType];
-    if (!isKnownConnectionType(connectionType)) {
-        Failures::raise(Failures::Failure::UnknownConnectionType);
-    }
+    refuseUnknownConnectionType(message);
     return makeCurrent(nullptr, message);
 }
 
@@ -138,9 +138,7 @@ int NativeTransmitter::InitializeTransportChannel(unsigned char* message) {
 // transmitter does: a plain pointer is enough. When it already is the current channel and the
 // thread's, selecting it changes nothing, and no lock is taken.
 NativeTransmitter::Selected NativeTransmitter::selectAndInitialize(unsigned char* message) {
-    if (!isKnownConnectionType(message[CommandHeader::connectionType])) {
-        Failures::raise(Failures::Failure::UnknownConnectionType);
-    }
+    refuseUnknownConnectionType(message);
     ITransport* channel = threadChannel.channel;
     if (threadChannel.transmitterId != m_id || threadChannel.route != routeOf(message) ||
         m_currentChannel.load(std::memory_order_acquire) != channel) {
