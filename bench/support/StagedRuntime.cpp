@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -51,7 +52,9 @@ int runKeptMode(int argc, char** argv) {
     ChildProcess::Options options;
     options.captureStdout = true;
     options.environment = {"OSTRELINK_KEEP_THREADS_ATTACHED=true"};
-    ChildProcess child("/proc/self/exe", std::vector<std::string>(argv + 1, argv + argc), options);
+    // By its real path: the runner may start the program through another one.
+    ChildProcess child(std::filesystem::read_symlink("/proc/self/exe").string(),
+                       std::vector<std::string>(argv + 1, argv + argc), options);
     try {
         for (;;) {
             std::cout << child.readLine(900000) << '\n';
