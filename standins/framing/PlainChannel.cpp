@@ -36,7 +36,7 @@ void PlainChannel::useTimeout(int timeoutMs) {
     }
     // Zero would mean no time-out at all.
     const int ms = std::max(timeoutMs, 1);
-    const timeval limit{ms / 1000, (ms % 1000) * 1000};
+    const timeval limit{ms / 1000, static_cast<suseconds_t>(ms % 1000) * 1000};
     if (::setsockopt(m_socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
         ::setsockopt(m_socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
         throw StreamError(StreamFailure::Io, "cannot set the time-out: " + errnoText(errno));

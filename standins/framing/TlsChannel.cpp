@@ -70,6 +70,8 @@ BIO* newSocketBio(int fd) {
     }();
     BIO* bio = method != nullptr ? BIO_new(method) : nullptr;
     if (bio != nullptr) {
+        // The data slot holds the descriptor itself, not a pointer.
+        // NOLINTNEXTLINE(performance-no-int-to-ptr)
         BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
     }
     return bio;
@@ -226,7 +228,7 @@ void TlsChannel::writeGathered(const unsigned char* head, std::size_t headSize,
     m_gathered.insert(m_gathered.end(), data, data + size);
     writeAll(m_gathered.data(), m_gathered.size(), timeoutMs);
     // A pooled connection should not hold on to the largest frame it ever sent.
-    if (m_gathered.capacity() > 64 * 1024) {
+    if (m_gathered.capacity() > std::size_t{64} * 1024) {
         std::vector<unsigned char>().swap(m_gathered);
     }
 }
