@@ -180,9 +180,11 @@ TEST(NetworkFailures, EachMessageTriesTheClientLibraryAgain) {
              installedFile("ClientWithoutFactory", tlsClient) + ". \nError: File not found."},
     };
     for (int attempt = 0; attempt < 2; ++attempt) {
-        for (const auto& [installation, connectionType, text] : failures) {
-            Bytes message = networkMessage(connectionType, connectionType == tls ? 9443 : 9000);
-            EXPECT_EQ(failureOf([&] { sendAndRead(transmitterOf(installation), message); }), text);
+        for (const auto& row : failures) {
+            Bytes message =
+                networkMessage(row.connectionType, row.connectionType == tls ? 9443 : 9000);
+            ITransmitter* sender = transmitterOf(row.installation);
+            EXPECT_EQ(failureOf([&] { sendAndRead(sender, message); }), row.text);
         }
     }
     HostLibrary client(installedFile("ClientNullFactory", tcpClient));
