@@ -17,6 +17,12 @@ using Ostrelink::Native::Definitions::healthCheckText;
 using Ostrelink::Native::Definitions::healthCheckTextLength;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 
+#if defined(__linux__)
+#define OSTRELINK_INITIAL_EXEC_TLS __attribute__((tls_model("initial-exec")))
+#else
+#define OSTRELINK_INITIAL_EXEC_TLS
+#endif
+
 namespace {
 std::atomic<std::uint64_t> launchersMade{0};
 // A reply buffer keeps this much capacity for the next command of its thread; a larger one is
@@ -87,14 +93,25 @@ int JvmLauncher::SendCommand(unsigned char* message, int length) {
 // can reach another thread (also not one that inherits the id of an ended thread), and the
 // replies go when their thread ends. One entry per launcher the thread has used; a process has
 // one receiver, so one entry.
+// The way to them is a plain pointer, constant-initialised (no guard to test) and, on Linux, of
+// the initial-exec model: one load per command instead of calls into the dynamic linker. The
+// entries themselves belong to an owner that the thread's exit destroys.
 JvmLauncher::ThreadReply& JvmLauncher::ReplyOfThisThread() {
-    thread_local std::vector<ThreadReply> replies;
-    for (auto& reply : replies) {
+    thread_local std::vector<ThreadReply>* replies OSTRELINK_INITIAL_EXEC_TLS = nullptr;
+    if (replies == nullptr) {
+        struct Owner {
+            std::vector<ThreadReply> entries;
+            ~Owner() { replies = nullptr; }
+        };
+        thread_local Owner owner;
+        replies = &owner.entries;
+    }
+    for (auto& reply : *replies) {
         if (reply.launcherId == m_id) {
             return reply;
         }
     }
-    return replies.emplace_back(ThreadReply{m_id, {}, false});
+    return replies->emplace_back(ThreadReply{m_id, {}, false});
 }
 
 int JvmLauncher::StoreReply(const unsigned char* bytes, std::size_t size) {

@@ -63,8 +63,14 @@ private:
     void AddToLibrariesToLoad(std::string libraryPath);
 
     // Returns false when no Java exception is pending; otherwise describes it, clears it and
-    // throws failure through HandleException.
-    bool CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException);
+    // throws failure through HandleException. Inline: it runs five times per Java command.
+    bool CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException) {
+        if (env->ExceptionCheck() == JNI_FALSE) {
+            return false;
+        }
+        RaisePendingJvmException(env, failure, clearException);
+    }
+    [[noreturn]] void RaisePendingJvmException(JNIEnv* env, Failure failure, bool clearException);
     // Appends the runtime info to the text of exception and throws the result.
     [[noreturn]] void HandleException(OstrelinkNativeException exception);
 

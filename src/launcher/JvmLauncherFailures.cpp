@@ -2,10 +2,7 @@
 
 #include "launcher/JvmLauncher.h"
 
-bool JvmLauncher::CheckAndHandleJvmException(JNIEnv* env, Failure failure, bool clearException) {
-    if (env->ExceptionCheck() == JNI_FALSE) {
-        return false;
-    }
+void JvmLauncher::RaisePendingJvmException(JNIEnv* env, Failure failure, bool clearException) {
     // The Java exception goes to standard error only; nothing of it enters the native message.
     env->ExceptionDescribe();
     if (clearException) {
