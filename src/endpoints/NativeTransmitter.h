@@ -71,8 +71,9 @@ private:
     // in-memory one. What it replaces is released after unlocking.
     std::shared_ptr<Interfaces::ITransport> makeCurrent(
         std::shared_ptr<Interfaces::ITransport> installed, const unsigned char* message);
-    // The one path of a message: GetTransportChannel, then the channel's Initialize with header
-    // bytes 9, 0, 1 (calling, target as the called runtime, version).
+    // The one path of a message: its channel selected as GetTransportChannel selects it (without
+    // the lock when nothing would change), then the channel's Initialize with header bytes 9, 0, 1
+    // (calling, target as the called runtime, version).
     struct Selected {
         Interfaces::ITransport* channel;
         int initialized;

@@ -8,6 +8,7 @@
 
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
+#include "support/Platform.h"
 
 using Ostrelink::Native::Definitions::acknowledgeReply;
 using Ostrelink::Native::Definitions::acknowledgeReplyLength;
@@ -16,12 +17,6 @@ using Ostrelink::Native::Definitions::CommandType;
 using Ostrelink::Native::Definitions::healthCheckText;
 using Ostrelink::Native::Definitions::healthCheckTextLength;
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
-
-#if defined(__linux__)
-#define OSTRELINK_INITIAL_EXEC_TLS __attribute__((tls_model("initial-exec")))
-#else
-#define OSTRELINK_INITIAL_EXEC_TLS
-#endif
 
 namespace {
 std::atomic<std::uint64_t> launchersMade{0};

@@ -11,6 +11,7 @@
 #define OSTRELINK_JVM_CANDIDATE_JDK "/lib/server/libjvm.dylib"
 #define OSTRELINK_JVM_LIBRARY_FILE "libjvm.dylib"
 #define OSTRELINK_CALLING_MODE_ADOPTS_JVM 0
+#define OSTRELINK_INITIAL_EXEC_TLS
 #elif defined(__linux__)
 #define OSTRELINK_LIBRARY_PREFIX "lib"
 #define OSTRELINK_LIBRARY_SUFFIX ".so"
@@ -27,6 +28,9 @@
 // On Linux a library in Calling mode adopts the JVM that runs in the process, so that other
 // runtimes can call back into Java.
 #define OSTRELINK_CALLING_MODE_ADOPTS_JVM 1
+// A thread_local of the hot path read with one load: glibc keeps static TLS for libraries
+// opened later, enough for a few pointers.
+#define OSTRELINK_INITIAL_EXEC_TLS __attribute__((tls_model("initial-exec")))
 #else
 #error "Unsupported platform"
 #endif
