@@ -9,7 +9,8 @@
 // A fresh directory under /tmp for the length of a test, removed with everything in it.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory() {
+    explicit TemporaryDirectory(const std::string& prefix = "ostrelink-test-")
+        : m_path("/tmp/" + prefix + "XXXXXX") {
         if (mkdtemp(m_path.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed for " + m_path);
         }
@@ -25,5 +26,5 @@ public:
     std::string file(const std::string& name) const { return m_path + "/" + name; }
 
 private:
-    std::string m_path = "/tmp/ostrelink-test-XXXXXX";
+    std::string m_path;
 };

@@ -13,6 +13,7 @@
 #include "common/Calls.h"
 #include "common/HostLibrary.h"
 #include "common/StageCopy.h"
+#include "common/TemporaryDirectory.h"
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
 using Ostrelink::Native::Interfaces::IReceiver;
@@ -29,17 +30,11 @@ inline std::string testJar(const std::string& name) {
 struct InstallationCopy {
     explicit InstallationCopy(const std::string& runtimeJar = testJar("probe"),
                               const char* prefix = "ostrelink-launcher-")
-        : directory(mkdtemp(
-              (std::filesystem::temp_directory_path() / prefix += "XXXXXX").string().data())) {
+        : temporary(prefix) {
         std::filesystem::remove(jar);
         if (!runtimeJar.empty()) {
             std::filesystem::copy_file(runtimeJar, jar);
         }
-    }
-    // The library of the copy stays mapped; its file may go.
-    ~InstallationCopy() {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
     }
     // Initialized, unless not to, as the JVM runtime that the C++ one calls (Calling: that calls
     // it).
@@ -53,7 +48,9 @@ struct InstallationCopy {
         return receiver;
     }
 
-    const std::string directory;
+    // Removed with the object: the library of the copy stays mapped, its file may go.
+    const TemporaryDirectory temporary;
+    const std::string& directory = temporary.path();
     const std::string native = copyStage(directory);  // with a final "/"
     const std::string library = native + "libOstrelinkJvmRuntimeNative.so";
     const std::string jar = directory + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar";
