@@ -39,6 +39,9 @@ if [ "$mode" = tcp ] || [ "$mode" = tls ]; then
         server_args+=(--tls-cert "$pki/server.pem" --tls-key "$pki/server.key")
         export OSTRELINK_TLS_CA_FILE="$pki/ca.pem"
     fi
+    # The file exists before the server starts: the shell that runs it in the background may
+    # not have opened it yet when the loop below first reads it, and sed fails on a missing file.
+    : > "$prefix/server.out"
     "$prefix/bin/ostrelink-server" "${server_args[@]}" > "$prefix/server.out" 2>&1 &
     server_pid=$!
     for _ in $(seq 1 300); do
