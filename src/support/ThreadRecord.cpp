@@ -16,8 +16,10 @@ void freeRecord(void* record) {
 }
 
 // The key whose destructor frees a thread's record. Deleted as the library is unloaded, so that
-// no thread that ends later calls into unmapped code. Without a key (the process has used up its
-// keys) records are never freed, and kept attachments last as long as the process.
+// no thread that ends later calls into unmapped code; the record of the thread that unloads it
+// (or that ends the process) goes then too, as its pointer goes with the library. Without a key
+// (the process has used up its keys) records are never freed, and kept attachments last as long
+// as the process.
 class RecordKey {
 public:
     RecordKey() { m_made = pthread_key_create(&m_key, freeRecord) == 0; }
@@ -26,6 +28,9 @@ public:
             pthread_key_delete(m_key);
         }
         m_made = false;
+        if (thisThread != nullptr) {
+            freeRecord(thisThread);
+        }
     }
     RecordKey(const RecordKey&) = delete;
     RecordKey& operator=(const RecordKey&) = delete;

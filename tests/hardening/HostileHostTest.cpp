@@ -90,7 +90,10 @@ void forksAfterTheJvmStarted() {
     require(echoes("after the fork"), 4, "echo in the parent after");
 }
 
-// Each load adopts the JVM that the first one created, on a worker thread that then ends.
+// Each load adopts the JVM that the first one created, on a worker thread that then ends. A
+// library never deletes its receiver: the host keeps them, to its end, so they are no leak.
+auto* const loadedReceivers = new std::vector<IReceiver*>;
+
 void reloadsTheLibrary() {
     std::string first;
     for (int cycle = 0; cycle < 8; ++cycle) {
@@ -98,7 +101,7 @@ void reloadsTheLibrary() {
         require(library != nullptr, 2, "dlopen");
         auto create = reinterpret_cast<Ostrelink::Native::Interfaces::CreateReceiverFn>(
             dlsym(library, "CreateReceiver"));
-        IReceiver* loaded = create(RuntimeOperationMode::Called);
+        IReceiver* loaded = loadedReceivers->emplace_back(create(RuntimeOperationMode::Called));
         require(loaded->Initialize(8, 2, 0) == 0, 3, "Initialize");
         std::string threads;
         std::thread([&] { threads = textOf(sendAndRead(loaded, javaCommand("threads"))); }).join();
