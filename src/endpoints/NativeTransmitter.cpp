@@ -8,6 +8,7 @@
 #include "contracts/ConnectionType.h"
 #include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
+#include "support/ThreadRecord.h"
 #include "transport/TransportInMemory.h"
 #include "transport/TransportNetwork.h"
 
@@ -44,15 +45,12 @@ std::uint64_t routeOf(const unsigned char* message) {
     return address << 16 | port;
 }
 
-// The calling thread's own entry of the transmitter it used last, mirrored: only the thread
-// itself changes its entry, so while it lives the entry holds the channel and the mirror can be
-// read without the lock.
-struct ThreadChannel {
-    std::uint64_t transmitterId = 0;
-    std::uint64_t route = 0;
-    ITransport* channel = nullptr;
-};
-thread_local ThreadChannel threadChannel;
+// The calling thread's own entry of the transmitter it used last, mirrored in its record: only
+// the thread itself changes its entry, so while it lives the entry holds the channel and the
+// mirror can be read without the lock.
+ThreadRecord::Channel& threadChannel() {
+    return ThreadRecord::ofThisThread().channel;
+}
 
 // Code 023 for a connection type that names no channel, before anything is chosen.
 void refuseUnknownConnectionType(const unsigned char* message) {
@@ -87,8 +85,9 @@ int NativeTransmitter::SendCommand(unsigned char* message, int length) {
 }
 
 int NativeTransmitter::ReadResponse(unsigned char* buffer, int length) {
-    if (threadChannel.transmitterId == m_id) {
-        return threadChannel.channel->ReadResponse(buffer, length);
+    const ThreadRecord::Channel& mirror = threadChannel();
+    if (mirror.transmitterId == m_id) {
+        return mirror.channel->ReadResponse(buffer, length);
     }
     std::shared_ptr<ITransport> channel;
     {
@@ -139,8 +138,9 @@ int NativeTransmitter::InitializeTransportChannel(unsigned char* message) {
 // thread's, selecting it changes nothing, and no lock is taken.
 NativeTransmitter::Selected NativeTransmitter::selectAndInitialize(unsigned char* message) {
     refuseUnknownConnectionType(message);
-    ITransport* channel = threadChannel.channel;
-    if (threadChannel.transmitterId != m_id || threadChannel.route != routeOf(message) ||
+    const ThreadRecord::Channel& mirror = threadChannel();
+    ITransport* channel = mirror.channel;
+    if (mirror.transmitterId != m_id || mirror.route != routeOf(message) ||
         m_currentChannel.load(std::memory_order_acquire) != channel) {
         channel = makeCurrent(nullptr, message).get();
     }
@@ -173,7 +173,7 @@ std::shared_ptr<ITransport> NativeTransmitter::makeCurrent(std::shared_ptr<ITran
     if (ofThread != channel) {
         replacedOfThread = std::exchange(ofThread, channel);
     }
-    threadChannel = {m_id, route, channel.get()};
+    threadChannel() = {m_id, route, channel.get()};
     return channel;
 }
 

@@ -8,7 +8,6 @@
 
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
-#include "support/Platform.h"
 
 using Ostrelink::Native::Definitions::acknowledgeReply;
 using Ostrelink::Native::Definitions::acknowledgeReplyLength;
@@ -87,30 +86,20 @@ int JvmLauncher::SendCommand(unsigned char* message, int length) {
 // Each thread keeps its own replies: no lock and no shared map on the way of a command, no reply
 // can reach another thread (also not one that inherits the id of an ended thread), and the
 // replies go when their thread ends. One entry per launcher the thread has used; a process has
-// one receiver, so one entry.
-// The way to them is a plain pointer, constant-initialised (no guard to test) and, on Linux, of
-// the initial-exec model: one load per command instead of calls into the dynamic linker. The
-// entries themselves belong to an owner that the thread's exit destroys.
-JvmLauncher::ThreadReply& JvmLauncher::ReplyOfThisThread() {
-    thread_local std::vector<ThreadReply>* replies OSTRELINK_INITIAL_EXEC_TLS = nullptr;
-    if (replies == nullptr) {
-        struct Owner {
-            std::vector<ThreadReply> entries;
-            ~Owner() { replies = nullptr; }
-        };
-        thread_local Owner owner;
-        replies = &owner.entries;
-    }
-    for (auto& reply : *replies) {
+// one receiver, so one entry. They live in the thread's record, which a command sent while the
+// thread ends (from a host's thread_local or key destructor) finds or makes again.
+ThreadRecord::Reply& JvmLauncher::ReplyOfThisThread() {
+    std::vector<ThreadRecord::Reply>& replies = ThreadRecord::ofThisThread().replies;
+    for (auto& reply : replies) {
         if (reply.launcherId == m_id) {
             return reply;
         }
     }
-    return replies->emplace_back(ThreadReply{m_id, {}, false});
+    return replies.emplace_back(ThreadRecord::Reply{m_id, {}, false});
 }
 
 int JvmLauncher::StoreReply(const unsigned char* bytes, std::size_t size) {
-    ThreadReply& reply = ReplyOfThisThread();
+    ThreadRecord::Reply& reply = ReplyOfThisThread();
     reply.bytes.assign(bytes, bytes + size);
     reply.stored = true;
     return static_cast<int>(size);
@@ -124,7 +113,7 @@ int JvmLauncher::ReadResponse(unsigned char* buffer, int length) {
     if (length < 0 || (buffer == nullptr && length > 0)) {
         RaiseLauncherException(Failure::BadResponseBuffer);
     }
-    ThreadReply& reply = ReplyOfThisThread();
+    ThreadRecord::Reply& reply = ReplyOfThisThread();
     if (!reply.stored) {
         RaiseLauncherException(Failure::NoReply);
     }

@@ -13,6 +13,7 @@
 #include "launcher/NativeLauncher.h"
 #include "support/Failures.h"
 #include "support/OstrelinkNativeException.h"
+#include "support/ThreadRecord.h"
 
 class JvmLauncher;
 
@@ -83,12 +84,7 @@ private:
     std::string GetRuntimeInfoFromNativeLevel();
 
     // The calling thread's reply in this launcher; see JvmLauncher.cpp.
-    struct ThreadReply {
-        std::uint64_t launcherId;
-        std::vector<unsigned char> bytes;
-        bool stored;
-    };
-    ThreadReply& ReplyOfThisThread();
+    ThreadRecord::Reply& ReplyOfThisThread();
     // Stores the bytes as the calling thread's reply, dropping an unread one; returns the size.
     int StoreReply(const unsigned char* bytes, std::size_t size);
     int StoreAcknowledgeReply();
@@ -138,6 +134,10 @@ private:
     JNIEnv* m_JvmEnv = nullptr;
     JavaVM* m_jvm = nullptr;
     JavaVMInitArgs m_jvmInitArgs{};
+    // Set in a child process forked after this library's JVM came up: the JVM does not survive
+    // fork, so Java commands fail there at once (065) instead of hanging, and the runtime info
+    // leaves Java out. Process-wide, as the JVM is.
+    static std::atomic<bool> jvmLeftInParent;
     // Names this launcher's replies in the threads' stores; never reused, unlike an address.
     const std::uint64_t m_id;
 };

@@ -1,3 +1,7 @@
+#include <pthread.h>
+
+#include <mutex>
+
 #include "contracts/CommandHeader.h"
 #include "contracts/CommandType.h"
 #include "launcher/JvmLauncher.h"
@@ -10,7 +14,12 @@ namespace Jni = Ostrelink::Native::Jni;
 using Ostrelink::Native::Definitions::CommandHeader;
 using Ostrelink::Native::Definitions::CommandType;
 
+std::atomic<bool> JvmLauncher::jvmLeftInParent{false};
+
 int JvmLauncher::SendToJava(unsigned char* message, int length) {
+    if (jvmLeftInParent.load(std::memory_order_relaxed)) {
+        RaiseLauncherException(Failure::JvmLostToFork);
+    }
     StartJvmOnce();
     if (m_jvm == nullptr) {
         RaiseLauncherException(Failure::NoJvm);
@@ -27,6 +36,16 @@ void JvmLauncher::StartJvmOnce() {
     if (!m_jvmInitialized.load()) {
         InitializeJvm();
         m_jvmInitialized.store(true);
+        // In a forked child only the forking thread runs: the JVM is memory without its threads,
+        // and a call into it may wait for ever. Registered once per loaded library; the handler
+        // goes with the library when it is unloaded.
+        static std::once_flag watchForks;
+        if (m_jvm != nullptr) {
+            std::call_once(watchForks, [] {
+                pthread_atfork(nullptr, nullptr,
+                               [] { jvmLeftInParent.store(true, std::memory_order_relaxed); });
+            });
+        }
     }
 }
 

@@ -10,17 +10,21 @@
 namespace Jni = Ostrelink::Native::Jni;
 
 namespace {
-// Set while this thread queries Java for its runtime info. A failure of the query is translated
-// through HandleException, which asks for the runtime info again: that inner ask gets the empty
-// managed text, so a Java method that always fails costs one pass, not an endless descent.
-thread_local bool queryingManagedRuntime = false;
-
+// Marks the thread's record while it queries Java for its runtime info. A failure of the query is
+// translated through HandleException, which asks for the runtime info again: that inner ask gets
+// the empty managed text, so a Java method that always fails costs one pass, not an endless
+// descent.
 class QueryScope {
 public:
-    QueryScope() { queryingManagedRuntime = true; }
-    ~QueryScope() { queryingManagedRuntime = false; }
+    QueryScope() : m_querying(ThreadRecord::ofThisThread().queryingManagedRuntime) {
+        m_querying = true;
+    }
+    ~QueryScope() { m_querying = false; }
     QueryScope(const QueryScope&) = delete;
     QueryScope& operator=(const QueryScope&) = delete;
+
+private:
+    bool& m_querying;
 };
 }  // namespace
 
@@ -47,8 +51,9 @@ std::string JvmLauncher::GetRuntimeInfo() {
 // the method): a failure in the middle of a start, on this or another thread, meets fields that
 // are half set, and gets the empty managed text.
 std::string JvmLauncher::GetRuntimeInfoFromManagedRuntime() {
-    if (queryingManagedRuntime || !m_jvmInitialized.load() || m_JvmEnv == nullptr ||
-        m_jvm == nullptr || m_receiverClass == nullptr || m_getRuntimeInfoMethod == nullptr) {
+    if (ThreadRecord::ofThisThread().queryingManagedRuntime || jvmLeftInParent.load() ||
+        !m_jvmInitialized.load() || m_JvmEnv == nullptr || m_jvm == nullptr ||
+        m_receiverClass == nullptr || m_getRuntimeInfoMethod == nullptr) {
         return {};
     }
     try {

@@ -59,12 +59,16 @@ private:
 
 }  // namespace
 
-// Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM, and it ends
-// attached: the JVM keeps a record of it, which is harmless while nobody destroys the JVM.
+// Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM as an ordinary
+// thread; it detaches before it ends, or the JVM would count it as live for ever, and a host's
+// DestroyJavaVM, which waits for every ordinary thread, would never return.
 void createJavaVM(JvmLauncher* launcher) {
     launcher->m_createJvmResult = launcher->m_createJavaVM(
         &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv), &launcher->m_jvmInitArgs);
     launcher->HandleLaunchJvmError();
+    if (launcher->m_jvm != nullptr) {
+        launcher->m_jvm->DetachCurrentThread();
+    }
 }
 
 int JvmLauncher::InitializeJvm() {
@@ -86,9 +90,10 @@ int JvmLauncher::InitializeJvm() {
         m_getCreatedJavaVMs(created.data(), static_cast<jsize>(created.size()), &m_createdJvmCount);
         m_jvm = created[0];
         // Often a thread of another runtime that calls back into the JVM it lives in, and stays
-        // attached: as a daemon, so that the Java program can still exit. A thread attached
-        // already keeps its attachment and its status.
-        m_jvm->AttachCurrentThreadAsDaemon(reinterpret_cast<void**>(&m_JvmEnv), nullptr);
+        // attached: as a daemon, so that the Java program can still exit, and until it ends, so
+        // that a library loaded and unloaded again and again leaves no thread behind. A thread
+        // attached already keeps its attachment and its status.
+        m_JvmEnv = getJniEnvForThread(m_jvm);
     } else if (m_operationMode == RuntimeOperationMode::Calling) {
         // Nothing to adopt: m_jvm stays null, and commands that need Java get code 050.
         return 0;

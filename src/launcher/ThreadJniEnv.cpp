@@ -1,10 +1,12 @@
 #include "launcher/ThreadJniEnv.h"
 
+#include <unistd.h>
+
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "support/OstrelinkNativeException.h"
+#include "support/ThreadRecord.h"
 
 namespace {
 
@@ -52,20 +54,17 @@ ThreadJniEnv::~ThreadJniEnv() {
     }
 }
 
-// Thread-local rather than keyed by thread id: the id of a thread that has ended is handed to
-// the next new thread, which must not get the old environment. Only an attachment of our own is
-// kept: a thread the host attached may be detached by the host between two commands, so its
-// environment is asked for every time.
+// The attachment is kept in the thread's record rather than a map keyed by thread id: the id of
+// a thread that has ended is handed to the next new thread, which must not inherit it. GetEnv is
+// asked every time: a host may detach the thread itself (its own attach, work, detach), and an
+// environment kept from before would then be a dangling one.
 JNIEnv* getJniEnvForThread(JavaVM* jvm) {
-    thread_local std::unique_ptr<ThreadJniEnv> ownEnv;
-    if (ownEnv != nullptr) {
-        return ownEnv->m_jniEnv;
+    ThreadJniEnv threadEnv(jvm, ThreadJniEnv::Attach::AsDaemon);
+    if (threadEnv.m_attached) {
+        ThreadRecord& record = ThreadRecord::ofThisThread();
+        record.keptAttachment = jvm;
+        record.keptAttachmentProcess = getpid();
+        threadEnv.m_attached = false;
     }
-    JNIEnv* hostEnv = nullptr;
-    if (jvm != nullptr &&
-        jvm->GetEnv(reinterpret_cast<void**>(&hostEnv), JNI_VERSION_1_8) == JNI_OK) {
-        return hostEnv;
-    }
-    ownEnv = std::make_unique<ThreadJniEnv>(jvm, ThreadJniEnv::Attach::AsDaemon);
-    return ownEnv->m_jniEnv;
+    return threadEnv.m_jniEnv;
 }

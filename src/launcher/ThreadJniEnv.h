@@ -20,12 +20,15 @@ public:
     JNIEnv* m_jniEnv = nullptr;
 
 private:
+    friend JNIEnv* getJniEnvForThread(JavaVM* jvm);
+
     JavaVM* m_javaVm = nullptr;
     bool m_attached = false;
 };
 
 // The environment of the calling thread for the rest of its life: a thread that is not attached
-// yet is attached as a daemon, so that it never keeps the JVM from exiting, and detached when it
-// ends. A thread attached by someone else gets its current environment and stays theirs to
-// detach. A JNIEnv* is good on one thread only, so every thread gets its own.
+// is attached as a daemon, so that it never keeps the JVM from exiting, and detached when it ends
+// (its ThreadRecord). A thread attached by someone else gets its current environment and stays
+// theirs to detach. A JNIEnv* is good on one thread only, so every thread gets its own; and the
+// host may detach the thread between two calls, so the result is good until then only.
 JNIEnv* getJniEnvForThread(JavaVM* jvm);

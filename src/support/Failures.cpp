@@ -72,6 +72,11 @@ constexpr Entry entries[] = {
     {F::UtfCharsFailed, L, "062", ". Failed to get UTF chars", nullptr},
     {F::JavaExceptionAfterUtfChars, L, "063", javaException, nullptr},
     {F::JavaExceptionAfterReleaseUtfChars, L, "064", javaException, nullptr},
+    {F::JvmLostToFork, L, "065",
+     ". The JVM does not survive fork: this process is a child forked after the JVM started, and "
+     "its JVM can't run Java. Send Java commands from the parent, or start the child with exec "
+     "(or fork before the first Java command)",
+     nullptr},
     // The detail of 001 is the path, ". \nError: " and the reason.
     {F::CannotLoadLibrary, N, "001", ". \nCannot load: ", ""},
     {F::NoOwnPath, N, "002", ". \nError: ", ""},

@@ -51,6 +51,7 @@ enum class Failure {
     UtfCharsFailed,
     JavaExceptionAfterUtfChars,
     JavaExceptionAfterReleaseUtfChars,
+    JvmLostToFork,
     // The native form: a plain throw of OstrelinkNativeException.
     CannotLoadLibrary,
     NoOwnPath,

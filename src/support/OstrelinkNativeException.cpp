@@ -15,6 +15,7 @@
 #include "support/AppInsightLogger.h"
 #include "support/ConfigHandler.h"
 #include "support/ErrorLogFile.h"
+#include "support/ThreadRecord.h"
 
 using Ostrelink::Native::AppInsightLogger::AppInsightLogger;
 using Ostrelink::Native::ConfigHandler::ConfigHandler;
@@ -24,14 +25,19 @@ namespace {
 constexpr const char* supportMessage =
     "\nIf the error persists, contact support on: support@ostrelink.dev";
 
-// Plain thread-local counters: constant-initialised, so valid during static initialisation too.
-thread_local int reportingDepth = 0;
-thread_local int loadTimeDepth = 0;
+// The thread's counters live in its record, made on first use, so valid during static
+// initialisation too.
+int& reportingDepth() {
+    return ThreadRecord::ofThisThread().reportingDepth;
+}
+int& loadTimeDepth() {
+    return ThreadRecord::ofThisThread().loadTimeDepth;
+}
 
 class ReportingScope {
 public:
-    ReportingScope() { ++reportingDepth; }
-    ~ReportingScope() { --reportingDepth; }
+    ReportingScope() { ++reportingDepth(); }
+    ~ReportingScope() { --reportingDepth(); }
     ReportingScope(const ReportingScope&) = delete;
     ReportingScope& operator=(const ReportingScope&) = delete;
 };
@@ -47,11 +53,11 @@ std::string currentDirectory() {
 }  // namespace
 
 OstrelinkNativeException::LoadTimeScope::LoadTimeScope() {
-    ++loadTimeDepth;
+    ++loadTimeDepth();
 }
 
 OstrelinkNativeException::LoadTimeScope::~LoadTimeScope() {
-    --loadTimeDepth;
+    --loadTimeDepth();
 }
 
 OstrelinkNativeException::OstrelinkNativeException(const std::string& message,
@@ -69,7 +75,7 @@ OstrelinkNativeException::OstrelinkNativeException(const std::string& message,
     m_date = m_dateStream.str();
     m_dateTime = m_dateTimeStream.str();
 
-    const bool nested = reportingDepth > 0 || loadTimeDepth > 0;
+    const bool nested = reportingDepth() > 0 || loadTimeDepth() > 0;
     const ReportingScope reporting;
 
     int level = 1;
@@ -106,7 +112,7 @@ OstrelinkNativeException::OstrelinkNativeException(const std::string& message,
         }
     }
 
-    if (loadTimeDepth == 0) {
+    if (loadTimeDepth() == 0) {
         std::string telemetryText = message;
         telemetryText.erase(std::remove(telemetryText.begin(), telemetryText.end(), '\n'),
                             telemetryText.end());

@@ -13,6 +13,7 @@
 #include "support/LibrariesFinder.h"
 #include "support/OstrelinkNativeException.h"
 #include "support/RuntimeNameHandler.h"
+#include "support/ThreadRecord.h"
 
 namespace Ostrelink::Native::Transport {
 
@@ -40,14 +41,14 @@ bool isRuntime(int code) {
     return code >= firstRuntime && code <= lastRuntime;
 }
 
-// The chain of DeployRuntime calls that this thread is inside, innermost first.
+}  // namespace
+
+// A link of the chain of DeployRuntime calls that a thread is inside (its record holds the
+// innermost).
 struct DeployScope {
     const TransportInMemory* channel;
     const DeployScope* outer;
 };
-thread_local const DeployScope* deploying = nullptr;
-
-}  // namespace
 
 TransportInMemory::TransportInMemory() {
     for (int code = firstRuntime; code <= lastRuntime; ++code) {
@@ -119,6 +120,7 @@ unsigned char TransportInMemory::SetEmbeddedRuntime(unsigned char, unsigned char
 
 unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int length, std::string text,
                                                unsigned char flag) {
+    const DeployScope*& deploying = ThreadRecord::ofThisThread().deploying;
     for (const DeployScope* scope = deploying; scope != nullptr; scope = scope->outer) {
         if (scope->channel == this) {
             raise(Failure::DeployLoopsBack);
@@ -128,9 +130,10 @@ unsigned char TransportInMemory::DeployRuntime(unsigned char* message, int lengt
     const DeployScope scope{this, deploying};
     deploying = &scope;
     struct Leave {
+        const DeployScope*& deploying;
         const DeployScope* outer;
         ~Leave() { deploying = outer; }
-    } leave{scope.outer};
+    } leave{deploying, scope.outer};
     return target->DeployRuntime(message, length, std::move(text), flag);
 }
 

@@ -181,7 +181,7 @@ ChildRun runChild(const std::string& program, const std::vector<std::string>& ar
             readFile(options.outputFile), readFile(options.errorFile)};
 }
 
-int runForked(void (*body)()) {
+int runForked(void (*body)(), int limitMs) {
     const pid_t pid = fork();
     if (pid < 0) {
         throw std::runtime_error("fork failed");
@@ -190,7 +190,15 @@ int runForked(void (*body)()) {
         body();
         std::_Exit(0);
     }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
     int status = 0;
-    waitpid(pid, &status, 0);
+    while (waitpid(pid, &status, limitMs < 0 ? 0 : WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(pid, SIGKILL);
+            limitMs = -1;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
     return status;
 }

@@ -70,5 +70,6 @@ ChildRun runChild(const std::string& program, const std::vector<std::string>& ar
                   const std::string& workingDirectory);
 
 // Runs body in a forked copy of this process (no exec) and returns its wait status. For what
-// can happen only once in a process: body ends the child with std::exit.
-int runForked(void (*body)());
+// can happen only once in a process: body ends the child with std::exit. A child that still runs
+// after limitMs (unless negative) is killed with SIGKILL: a hang shows as that signal.
+int runForked(void (*body)(), int limitMs = -1);
