@@ -58,6 +58,9 @@ private:
     int CreateClassPath();
     int GetReceiverClass();
     void HandleLaunchJvmError();
+    // Raises a failed or abandoned start (031 to 037) with the user's options and the JVM's
+    // message.
+    [[noreturn]] void RaiseStartFailure(Failure failure);
 
     int HandleLoadLibraryCommand(unsigned char* message, int length);
     void AddToLibrariesToLoad(std::string libraryPath);

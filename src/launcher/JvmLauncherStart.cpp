@@ -1,3 +1,5 @@
+#include <cxxabi.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -10,6 +12,7 @@
 
 #include "launcher/JvmLauncher.h"
 #include "launcher/JvmStartChecks.h"
+#include "launcher/JvmStartHooks.h"
 #include "launcher/ThreadJniEnv.h"
 #include "launcher/jni/GlobalRef.h"
 #include "launcher/jni/LocalRef.h"
@@ -19,6 +22,7 @@
 namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Launcher::JvmStartHooks;
 using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
 
 namespace {
@@ -60,10 +64,15 @@ private:
 }  // namespace
 
 // Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM, and it ends
-// attached: the JVM keeps a record of it, which is harmless while nobody destroys the JVM.
+// attached: the JVM keeps a record of it, which is harmless while nobody destroys the JVM. A JVM
+// that gives up the start ends this thread inside JNI_CreateJavaVM (JvmStartHooks).
 void createJavaVM(JvmLauncher* launcher) {
-    launcher->m_createJvmResult = launcher->m_createJavaVM(
-        &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv), &launcher->m_jvmInitArgs);
+    {
+        const JvmStartHooks::Watch watch;
+        launcher->m_createJvmResult = launcher->m_createJavaVM(
+            &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv),
+            &launcher->m_jvmInitArgs);
+    }
     launcher->HandleLaunchJvmError();
 }
 
@@ -76,6 +85,10 @@ int JvmLauncher::InitializeJvm() {
 #endif
     if (m_getCreatedJavaVMs == nullptr) {
         RaiseLauncherException(Failure::NotInitialized);
+    }
+    // The JVM that gave up is half made and can't be created again: touch it no more.
+    if (JvmStartHooks::abandoned()) {
+        RaiseStartFailure(Failure::JvmAbandonedStart);
     }
     if (m_operationMode == RuntimeOperationMode::Calling) {
         noteIgnoredJvmOptions();
@@ -112,12 +125,15 @@ int JvmLauncher::InitializeJvm() {
         // The user's options come last, so that they win where the JVM takes the last one.
         furtherOptions.insert(furtherOptions.end(), m_extraJvmOptions.begin(),
                               m_extraJvmOptions.end());
-        const std::size_t optionCount = 2 + furtherOptions.size();
+        // The hooks first, in force while the JVM reads every other option.
+        constexpr std::size_t hooks = JvmStartHooks::optionCount;
+        const std::size_t optionCount = hooks + 2 + furtherOptions.size();
         const JvmOptionsScope optionsScope(m_jvmOptions, optionCount);
-        m_jvmOptions[0].optionString = m_classPathOption.data();
-        m_jvmOptions[1].optionString = m_libraryPathOption.data();
+        JvmStartHooks::fill(m_jvmOptions);
+        m_jvmOptions[hooks].optionString = m_classPathOption.data();
+        m_jvmOptions[hooks + 1].optionString = m_libraryPathOption.data();
         for (std::size_t i = 0; i < furtherOptions.size(); ++i) {
-            m_jvmOptions[2 + i].optionString = furtherOptions[i].data();
+            m_jvmOptions[hooks + 2 + i].optionString = furtherOptions[i].data();
         }
         m_jvmInitArgs.nOptions = static_cast<jint>(optionCount);
         m_jvmInitArgs.options = m_jvmOptions;
@@ -130,6 +146,8 @@ int JvmLauncher::InitializeJvm() {
         std::thread launchThread([this, &launchFailure] {
             try {
                 createJavaVM(this);
+            } catch (const abi::__forced_unwind&) {
+                throw;  // the JVM gave up the start, and the thread ends
             } catch (...) {
                 launchFailure = std::current_exception();
             }
@@ -137,6 +155,9 @@ int JvmLauncher::InitializeJvm() {
         launchThread.join();
         if (launchFailure) {
             std::rethrow_exception(launchFailure);
+        }
+        if (JvmStartHooks::abandoned()) {
+            RaiseStartFailure(Failure::JvmAbandonedStart);
         }
         // The launch thread's environment is no good here; take one of this thread.
         m_JvmEnv = getJniEnvForThread(m_jvm);
@@ -250,15 +271,23 @@ void JvmLauncher::HandleLaunchJvmError() {
         default:
             return;
     }
-    // The user's options are the likeliest cause; the JVM has said on standard error which one.
-    std::string options;
+    RaiseStartFailure(failure);
+}
+
+// The user's options are the likeliest cause, and the JVM's own message says which one.
+void JvmLauncher::RaiseStartFailure(Failure failure) {
+    std::string note;
     if (!m_extraJvmOptions.empty()) {
-        options = "\nJVM options from OSTRELINK_JVM_OPTIONS:";
+        note = "\nJVM options from OSTRELINK_JVM_OPTIONS:";
         for (const auto& option : m_extraJvmOptions) {
-            options += " [" + option + "]";
+            note += " [" + option + "]";
         }
     }
-    RaiseLauncherException(failure, options);
+    const std::string message = JvmStartHooks::jvmMessage();
+    if (!message.empty()) {
+        note += "\nThe JVM said: " + message;
+    }
+    RaiseLauncherException(failure, note);
 }
 
 int JvmLauncher::GetVersion() {

@@ -42,6 +42,10 @@ constexpr Entry entries[] = {
     {F::CreateJvmNoMemory, L, "034", "", nullptr},
     {F::CreateJvmExists, L, "035", "", nullptr},
     {F::CreateJvmInvalid, L, "036", "", nullptr},
+    {F::JvmAbandonedStart, L, "037",
+     ". The JVM gave up its start, which would have ended the process; its own message is on "
+     "standard error",
+     nullptr},
     {F::NoReply, L, "041", ".\nError while reading response", nullptr},
     {F::ShortCommand, L, "042", ". Message is null or shorter than its 11-byte header", nullptr},
     {F::BadResponseBuffer, L, "043", ". Response buffer is null or its length is negative",

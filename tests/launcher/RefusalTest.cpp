@@ -40,6 +40,9 @@ TEST_P(Refused, EveryCommandWithItsTextAndTheEarlierReplyStays) {
 }
 
 const std::string reinstall = ". \nReinstall Ostrelink package\n";
+const std::string gaveUp =
+    "037. The JVM gave up its start, which would have ended the process; its own message is on "
+    "standard error\nJVM options from OSTRELINK_JVM_OPTIONS: ";
 const Refusal rows[] = {
     {"NoReceiverClass", "022" + reinstall, 1, "", ""},
     {"NoSendCommand", "024" + reinstall, 1, "", "lacking-sendCommand"},
@@ -53,7 +56,17 @@ const Refusal rows[] = {
     {"OptionRejectedByTheJvm", "036\n", 0, "-Xcheck:jni -XX:+NoSuchOptionForThisTest", "probe",
      RuntimeOperationMode::Called, "JAVA_TOOL_OPTIONS"},
     {"UsersOptionRejectedByTheJvm",
-     "031\nJVM options from OSTRELINK_JVM_OPTIONS: [-Xfoo] [-Dx=a b]\n", 0, "-Xfoo -Dx='a b'"},
+     "031\nJVM options from OSTRELINK_JVM_OPTIONS: [-Xfoo] [-Dx=a b]\nThe JVM said: Unrecognized "
+     "option: -Xfoo\n",
+     0, "-Xfoo -Dx='a b'"},
+    // The JVM would end the process here: it lives on, and the JVM is not touched again.
+    {"OptionsThatTheJvmGivesUpOn",
+     gaveUp + "[-Xms2g] [-Xmx1g]\nThe JVM said: Initial heap size set to a larger value than the "
+              "maximum heap size\n",
+     0, "-Xms2g -Xmx1g"},
+    {"AnAgentThatTheJvmGivesUpOn",
+     gaveUp + "[-agentlib:nosuchagent]\nThe JVM said: Could not find agent library nosuchagent", 0,
+     "-agentlib:nosuchagent"},
     {"UnclosedQuote", "046. OSTRELINK_JVM_OPTIONS has a quote that is not closed: -ea '-Dx=open\n",
      0, "-ea '-Dx=open"},
     {"ClassPathOption", "045. OSTRELINK_JVM_OPTIONS may not hold -cp:", 0, "-ea -cp /elsewhere"},
