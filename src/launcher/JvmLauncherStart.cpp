@@ -4,10 +4,14 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "launcher/JvmLauncher.h"
@@ -175,13 +179,36 @@ int JvmLauncher::InitializeJvm() {
 void JvmLauncher::CheckBeforeCreatingJvm() {
     const char* value = std::getenv(jvmOptionsVariable);
     const std::string text = value == nullptr ? std::string() : value;
-    auto options = Ostrelink::Native::Launcher::splitJvmOptions(text);
+    using Ostrelink::Native::Launcher::splitJvmOptions;
+    auto options = splitJvmOptions(text);
     if (!options) {
         RaiseLauncherException(Failure::UnclosedQuote, text);
     }
-    if (const std::string* reserved =
-            Ostrelink::Native::Launcher::findReservedJvmOption(*options, m_debugMode)) {
+    using Ostrelink::Native::Launcher::findReservedJvmOption;
+    const auto readFile = [](const std::string& path) -> std::optional<std::string> {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) {
+            return std::nullopt;
+        }
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    };
+    if (const auto reserved = findReservedJvmOption(*options, {true, m_debugMode}, readFile)) {
         RaiseLauncherException(Failure::ReservedJvmOption, *reserved);
+    }
+    // The JVM reads two variables of its own: JAVA_TOOL_OPTIONS before the library's options,
+    // so that a class path there loses, and _JAVA_OPTIONS after them, so that one there wins.
+    // (JDK_JAVA_OPTIONS belongs to the java launcher: an embedded JVM does not read it.)
+    for (const auto& [variable, classPathWins] :
+         {std::pair("JAVA_TOOL_OPTIONS", false), std::pair("_JAVA_OPTIONS", true)}) {
+        const char* own = std::getenv(variable);
+        const auto ownOptions = splitJvmOptions(own == nullptr ? "" : own);
+        if (const auto reserved =
+                ownOptions
+                    ? findReservedJvmOption(*ownOptions, {classPathWins, m_debugMode}, readFile)
+                    : std::nullopt) {
+            RaiseLauncherException(Failure::ReservedOptionInJvmVariable,
+                                   std::string(variable) + " holds " + *reserved);
+        }
     }
     m_extraJvmOptions = std::move(*options);
     // The class path has no escape for its separator: the runtime jar would be cut in two.

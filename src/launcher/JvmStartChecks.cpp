@@ -8,6 +8,8 @@
 #include <cctype>
 #include <cerrno>
 
+#include "support/Platform.h"
+
 namespace Ostrelink::Native::Launcher {
 
 namespace {
@@ -24,6 +26,26 @@ bool startsWith(const std::string& text, const char* prefix) {
 bool isOption(const std::string& option, const std::string& name, char separator) {
     return startsWith(option, name.c_str()) &&
            (option.size() == name.size() || option[name.size()] == separator);
+}
+
+constexpr char optionsFileOption[] = "-XX:VMOptionsFile=";
+
+bool isClassPathOption(const std::string& option) {
+    return option == "-cp" || option == "-classpath" || isOption(option, "--class-path", '=') ||
+           isOption(option, "-Djava.class.path", '=');
+}
+
+bool isDebuggerOption(const std::string& option) {
+    if (isOption(option, "-agentlib:jdwp", '=') || isOption(option, "-Xrunjdwp", ':')) {
+        return true;
+    }
+    const std::string agentPath = "-agentpath:";
+    if (!startsWith(option, agentPath.c_str())) {
+        return false;
+    }
+    const std::string path = option.substr(agentPath.size(), option.find('=') - agentPath.size());
+    const std::string file = path.substr(path.rfind('/') + 1);
+    return file == "jdwp" || file == OSTRELINK_LIBRARY_FILE("jdwp");
 }
 
 class ScopedSocket {
@@ -72,18 +94,29 @@ std::optional<std::vector<std::string>> splitJvmOptions(const std::string& text)
     }
 }
 
-const std::string* findReservedJvmOption(const std::vector<std::string>& options, bool debugMode) {
+std::optional<std::string> findReservedJvmOption(const std::vector<std::string>& options,
+                                                 ReservedOptions reserved,
+                                                 const OptionsFileReader& readFile) {
     for (const auto& option : options) {
-        const bool classPath = option == "-cp" || option == "-classpath" ||
-                               isOption(option, "--class-path", '=') ||
-                               isOption(option, "-Djava.class.path", '=');
-        const bool debugger =
-            isOption(option, "-agentlib:jdwp", '=') || isOption(option, "-Xrunjdwp", ':');
-        if (classPath || (debugMode && debugger)) {
-            return &option;
+        if ((reserved.classPath && isClassPathOption(option)) ||
+            (reserved.debugger && isDebuggerOption(option))) {
+            return option;
+        }
+        if (!startsWith(option, optionsFileOption)) {
+            continue;
+        }
+        // The JVM takes no options file inside another.
+        const std::string path = option.substr(sizeof optionsFileOption - 1);
+        const std::optional<std::string> text = readFile(path);
+        const auto inFile = text ? splitJvmOptions(*text) : std::nullopt;
+        for (const auto& fileOption : inFile.value_or(std::vector<std::string>())) {
+            if ((reserved.classPath && isClassPathOption(fileOption)) ||
+                (reserved.debugger && isDebuggerOption(fileOption))) {
+                return fileOption + " (in " + path + ")";
+            }
         }
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 int loopbackPortBindError(unsigned short port) {

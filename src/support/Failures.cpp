@@ -76,6 +76,10 @@ constexpr Entry entries[] = {
     {F::UtfCharsFailed, L, "062", ". Failed to get UTF chars", nullptr},
     {F::JavaExceptionAfterUtfChars, L, "063", javaException, nullptr},
     {F::JavaExceptionAfterReleaseUtfChars, L, "064", javaException, nullptr},
+    // The detail is "<variable> holds <option>".
+    {F::ReservedOptionInJvmVariable, L, "067", ". ",
+     ", which the JVM reads too: the library sets the class path itself, and in debug mode the "
+     "JDWP agent, which the JVM can't load twice"},
     // The detail of 001 is the path, ". \nError: " and the reason.
     {F::CannotLoadLibrary, N, "001", ". \nCannot load: ", ""},
     {F::NoOwnPath, N, "002", ". \nError: ", ""},

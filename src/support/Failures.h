@@ -52,6 +52,7 @@ enum class Failure {
     UtfCharsFailed,
     JavaExceptionAfterUtfChars,
     JavaExceptionAfterReleaseUtfChars,
+    ReservedOptionInJvmVariable,
     // The native form: a plain throw of OstrelinkNativeException.
     CannotLoadLibrary,
     NoOwnPath,

@@ -14,6 +14,7 @@ struct Refusal {
     RuntimeOperationMode mode = RuntimeOperationMode::Called;
     const char* variable = "OSTRELINK_JVM_OPTIONS";
     const char* prefix = "ostrelink-launcher-";
+    bool debugMode = false;
 };
 void PrintTo(const Refusal& row, std::ostream* out) {
     *out << row.name;
@@ -24,6 +25,9 @@ TEST_P(Refused, EveryCommandWithItsTextAndTheEarlierReplyStays) {
     const Refusal& row = GetParam();
     if (*row.value != 0) {
         setenv(row.variable, row.value, 1);
+    }
+    if (row.debugMode) {
+        setenv("OSTRELINK_DEBUG_MODE", "true", 1);
     }
     const InstallationCopy copy(*row.jar != 0 ? testJar(row.jar) : "", row.prefix);
     IReceiver* receiver = copy.receiver(row.mode);
@@ -70,6 +74,17 @@ const Refusal rows[] = {
     {"UnclosedQuote", "046. OSTRELINK_JVM_OPTIONS has a quote that is not closed: -ea '-Dx=open\n",
      0, "-ea '-Dx=open"},
     {"ClassPathOption", "045. OSTRELINK_JVM_OPTIONS may not hold -cp:", 0, "-ea -cp /elsewhere"},
+    {"ClassPathInAnOptionsFile",
+     "045. OSTRELINK_JVM_OPTIONS may not hold -Djava.class.path=/elsewhere "
+     "(in " OSTRELINK_TEST_JAR_DIR "class-path.options):",
+     0, "-XX:VMOptionsFile=" OSTRELINK_TEST_JAR_DIR "class-path.options"},
+    {"SecondDebuggerByItsPath",
+     "045. OSTRELINK_JVM_OPTIONS may not hold -agentpath:" OSTRELINK_JAVA_HOME "/lib/libjdwp.so=",
+     0, "-agentpath:" OSTRELINK_JAVA_HOME "/lib/libjdwp.so=transport=dt_socket,address=8989",
+     "probe", RuntimeOperationMode::Called, "OSTRELINK_JVM_OPTIONS", "ostrelink-launcher-", true},
+    {"ClassPathInTheJvmsOwnVariable",
+     "067. _JAVA_OPTIONS holds -Djava.class.path=/elsewhere, which the JVM reads too", 0,
+     "-Djava.class.path=/elsewhere", "probe", RuntimeOperationMode::Called, "_JAVA_OPTIONS"},
     {"ColonInTheInstallationPath", "048. The installation path holds ':'", 0, "", "probe",
      RuntimeOperationMode::Called, "", "ostrelink:launcher-"},
 };
