@@ -312,7 +312,7 @@ void JvmLauncher::RaiseStartFailure(Failure failure) {
     }
     const std::string message = JvmStartHooks::jvmMessage();
     if (!message.empty()) {
-        note += "\nThe JVM said: " + message;
+        note += Ostrelink::Native::Launcher::jvmMessageNote + message;
     }
     RaiseLauncherException(failure, note);
 }

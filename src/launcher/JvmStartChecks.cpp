@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 
@@ -117,6 +118,55 @@ std::optional<std::string> findReservedJvmOption(const std::vector<std::string>&
         }
     }
     return std::nullopt;
+}
+
+std::vector<std::string> optionsBlamedBy(const std::string& jvmMessage,
+                                         const std::vector<std::string>& options) {
+    const auto named = [&jvmMessage](const std::string& option) {
+        // -XX:[+-]Name[=value] is named by Name alone ("Unrecognized VM option 'Name'").
+        std::string name = option;
+        if (startsWith(name, "-XX:")) {
+            name = name.substr(startsWith(name, "-XX:+") || startsWith(name, "-XX:-") ? 5 : 4);
+            name = name.substr(0, name.find('='));
+        }
+        // A name this short would be found in any message.
+        return name.size() >= 3 && jvmMessage.find(name) != std::string::npos;
+    };
+    const struct {
+        const char* word;
+        std::vector<const char*> prefixes;
+        const char* suffix;
+    } kinds[] = {
+        {"heap",
+         {"-Xms", "-Xmx", "-Xmn", "-XX:InitialHeapSize=", "-XX:MaxHeapSize=", "-XX:MinHeapSize=",
+          "-XX:NewSize=", "-XX:MaxNewSize=", "-XX:MaxRAM"},
+         ""},
+        {"stack size", {"-Xss", "-XX:ThreadStackSize="}, ""},
+        {"agent", {"-agentlib:", "-agentpath:", "-javaagent:", "-Xrun"}, ""},
+        {"garbage collector", {"-XX:+Use"}, "GC"},
+    };
+    std::vector<std::string> blamed;
+    for (const auto& option : options) {
+        if (named(option)) {
+            blamed.push_back(option);
+        }
+    }
+    for (const auto& kind : kinds) {
+        if (!blamed.empty() || jvmMessage.find(kind.word) == std::string::npos) {
+            continue;
+        }
+        for (const auto& option : options) {
+            const std::string suffix = kind.suffix;
+            const bool ofKind =
+                std::any_of(kind.prefixes.begin(), kind.prefixes.end(),
+                            [&option](const char* prefix) { return startsWith(option, prefix); });
+            if (ofKind && option.size() >= suffix.size() &&
+                option.compare(option.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                blamed.push_back(option);
+            }
+        }
+    }
+    return blamed;
 }
 
 int loopbackPortBindError(unsigned short port) {

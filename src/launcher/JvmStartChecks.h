@@ -33,6 +33,15 @@ std::optional<std::string> findReservedJvmOption(const std::vector<std::string>&
                                                  ReservedOptions reserved,
                                                  const OptionsFileReader& readFile);
 
+// Where a failed start's text (031 to 037) gives what the JVM printed while it started.
+inline constexpr char jvmMessageNote[] = "\nThe JVM said: ";
+
+// The options that the JVM's message about a failed start points at: those it names, or those of
+// the kind it names (a heap size, a thread stack size, an agent, a collector). Empty when it
+// points at none of them.
+std::vector<std::string> optionsBlamedBy(const std::string& jvmMessage,
+                                         const std::vector<std::string>& options);
+
 // 0 when a TCP socket can be bound to 127.0.0.1:port now, else the errno of the failure. Binds
 // the way the JDWP agent does (SO_REUSEADDR), so a port that lingers in TIME_WAIT counts as free.
 int loopbackPortBindError(unsigned short port);

@@ -9,6 +9,7 @@
 #include "launcher/JvmStartChecks.h"
 
 using Ostrelink::Native::Launcher::findReservedJvmOption;
+using Ostrelink::Native::Launcher::optionsBlamedBy;
 using Ostrelink::Native::Launcher::searchJvm;
 using Ostrelink::Native::Launcher::splitJvmOptions;
 using Options = std::vector<std::string>;
@@ -88,5 +89,24 @@ TEST(JvmStartChecks, SplitAndRefuseOptions) {
         EXPECT_EQ(findReservedJvmOption(options, {classPath, debugger}, readFile).value_or(""),
                   refused)
             << options.back();
+    }
+}
+
+// The options that the JVM's message on a failed start points at: by name, else by kind.
+TEST(JvmStartChecks, TheJvmsMessageBlamesOptions) {
+    const Options options = {"-ea",          "-Xms2g",           "-Xmx1g",
+                             "-XX:+UseG1GC", "-XX:+UseSerialGC", "-XX:+NoSuchOpt",
+                             "-Xss1k",       "-XX:+UseNUMA"};
+    const std::pair<const char*, Options> messages[] = {
+        {"Initial heap size set to a larger value than the maximum heap size",
+         {"-Xms2g", "-Xmx1g"}},
+        {"Multiple garbage collectors selected", {"-XX:+UseG1GC", "-XX:+UseSerialGC"}},
+        {"Unrecognized VM option 'NoSuchOpt'", {"-XX:+NoSuchOpt"}},
+        {"The Java thread stack size specified is too small", {"-Xss1k"}},
+        {"Could not find agent library x", {}},
+        {"", {}},
+    };
+    for (const auto& [message, blamed] : messages) {
+        EXPECT_EQ(optionsBlamedBy(message, options), blamed) << message;
     }
 }
