@@ -1,5 +1,3 @@
-#include <cxxabi.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -69,14 +67,10 @@ private:
 
 // Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM, and it ends
 // attached: the JVM keeps a record of it, which is harmless while nobody destroys the JVM. A JVM
-// that gives up the start ends this thread inside JNI_CreateJavaVM (JvmStartHooks).
+// that gives up the start keeps this thread inside JNI_CreateJavaVM (JvmStartHooks).
 void createJavaVM(JvmLauncher* launcher) {
-    {
-        const JvmStartHooks::Watch watch;
-        launcher->m_createJvmResult = launcher->m_createJavaVM(
-            &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv),
-            &launcher->m_jvmInitArgs);
-    }
+    launcher->m_createJvmResult = launcher->m_createJavaVM(
+        &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv), &launcher->m_jvmInitArgs);
     launcher->HandleLaunchJvmError();
 }
 
@@ -145,23 +139,21 @@ int JvmLauncher::InitializeJvm() {
 
         // The JVM is created on a thread of its own, joined at once: the first thread of a
         // process, or a host thread with a small stack, is a poor place to create a JVM. A
-        // failure raised there is carried back and rethrown here, the same exception object.
+        // failure raised there is carried back and rethrown here, the same exception object. A
+        // JVM that gives up keeps the thread, and this one goes on without it.
         std::exception_ptr launchFailure;
-        std::thread launchThread([this, &launchFailure] {
+        const bool returned = JvmStartHooks::launch([this, &launchFailure] {
             try {
                 createJavaVM(this);
-            } catch (const abi::__forced_unwind&) {
-                throw;  // the JVM gave up the start, and the thread ends
             } catch (...) {
                 launchFailure = std::current_exception();
             }
         });
-        launchThread.join();
+        if (!returned) {
+            RaiseStartFailure(Failure::JvmAbandonedStart);
+        }
         if (launchFailure) {
             std::rethrow_exception(launchFailure);
-        }
-        if (JvmStartHooks::abandoned()) {
-            RaiseStartFailure(Failure::JvmAbandonedStart);
         }
         // The launch thread's environment is no good here; take one of this thread.
         m_JvmEnv = getJniEnvForThread(m_jvm);

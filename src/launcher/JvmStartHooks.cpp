@@ -1,13 +1,16 @@
 #include "launcher/JvmStartHooks.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 namespace {
 
@@ -16,35 +19,41 @@ constexpr char pickedUpNotice[] = "Picked up ";
 // Enough for the JVM's reason and a few warnings before it.
 constexpr std::size_t keptOutput = 4096;
 
+enum class Launch { None, Running, Returned, Abandoned };
+
 std::mutex stateMutex;
-// Guarded by stateMutex.
-bool starting = false;
+// Guarded by stateMutex; a change of launch is announced on launchChanged.
+Launch launchState = Launch::None;
 pthread_t launchThread{};
-bool abandonedStart = false;
 std::string startOutput;
-// Read on every line the JVM prints; true only during a start.
+std::condition_variable launchChanged;
+// Read on every line the JVM prints; true only while a launch runs.
 std::atomic<bool> capturing{false};
 
-// Returns only when the calling thread is not a launch thread in its start.
-void abandonIfStarting() {
+// Returns only when the calling thread is not a launch thread in its start. The JVM that gave up
+// holds its locks and its half-made state on this thread's stack; ending the thread instead
+// (pthread_exit) would unwind through the JVM's frames, which skips their clean-ups all the same.
+void parkIfLaunching() {
     {
         const std::lock_guard<std::mutex> lock(stateMutex);
-        if (!starting || pthread_equal(pthread_self(), launchThread) == 0) {
+        if (launchState != Launch::Running || pthread_equal(pthread_self(), launchThread) == 0) {
             return;
         }
-        abandonedStart = true;
-        starting = false;
+        launchState = Launch::Abandoned;
         capturing.store(false);
     }
-    pthread_exit(nullptr);
+    launchChanged.notify_all();
+    while (true) {
+        pause();
+    }
 }
 
 void JNICALL exitHook(jint /*code*/) {
-    abandonIfStarting();
+    parkIfLaunching();
 }
 
 void JNICALL abortHook() {
-    abandonIfStarting();
+    parkIfLaunching();
 }
 
 jint JNICALL printHook(FILE* stream, const char* format, va_list arguments) {
@@ -81,23 +90,40 @@ void JvmStartHooks::fill(JavaVMOption* options) {
     options[2] = {printOption, reinterpret_cast<void*>(&printHook)};
 }
 
-JvmStartHooks::Watch::Watch() {
-    const std::lock_guard<std::mutex> lock(stateMutex);
-    starting = true;
-    launchThread = pthread_self();
-    startOutput.clear();
-    capturing.store(true);
-}
-
-JvmStartHooks::Watch::~Watch() {
-    const std::lock_guard<std::mutex> lock(stateMutex);
-    starting = false;
-    capturing.store(false);
+bool JvmStartHooks::launch(const std::function<void()>& body) {
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex);
+        launchState = Launch::Running;
+        startOutput.clear();
+        capturing.store(true);
+    }
+    std::thread thread([&body] {
+        {
+            const std::lock_guard<std::mutex> lock(stateMutex);
+            launchThread = pthread_self();
+        }
+        body();
+        {
+            const std::lock_guard<std::mutex> lock(stateMutex);
+            launchState = Launch::Returned;
+            capturing.store(false);
+        }
+        launchChanged.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(stateMutex);
+    launchChanged.wait(lock, [] { return launchState != Launch::Running; });
+    if (launchState == Launch::Abandoned) {
+        thread.detach();
+        return false;
+    }
+    lock.unlock();
+    thread.join();
+    return true;
 }
 
 bool JvmStartHooks::abandoned() {
     const std::lock_guard<std::mutex> lock(stateMutex);
-    return abandonedStart;
+    return launchState == Launch::Abandoned;
 }
 
 std::string JvmStartHooks::jvmMessage() {
