@@ -113,7 +113,7 @@ std::optional<std::string> findReservedJvmOption(const std::vector<std::string>&
         for (const auto& fileOption : inFile.value_or(std::vector<std::string>())) {
             if ((reserved.classPath && isClassPathOption(fileOption)) ||
                 (reserved.debugger && isDebuggerOption(fileOption))) {
-                return fileOption + " (in " + path + ")";
+                return std::string(fileOption).append(" (in ").append(path).append(")");
             }
         }
     }
