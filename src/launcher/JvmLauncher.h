@@ -54,11 +54,15 @@ private:
     // Starting the JVM: adopt the one that runs in the process, or create one (Called only).
     int InitializeJvm();
     // Refuses a start that can't work: bad OSTRELINK_JVM_OPTIONS (which it reads into
-    // m_extraJvmOptions), an installation path the class path can't hold, a busy debug port.
+    // m_extraJvmOptions) or options files it names, a class path or second JDWP agent in the
+    // JVM's own variables, an installation path the class path can't hold, a busy debug port.
     void CheckBeforeCreatingJvm();
     int CreateClassPath();
     int GetReceiverClass();
     void HandleLaunchJvmError();
+    // Raises a failed or abandoned start (031 to 037) with the user's options and the JVM's
+    // message.
+    [[noreturn]] void RaiseStartFailure(Failure failure);
 
     int HandleLoadLibraryCommand(unsigned char* message, int length);
     void AddToLibrariesToLoad(std::string libraryPath);

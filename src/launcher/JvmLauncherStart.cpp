@@ -2,14 +2,19 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "launcher/JvmLauncher.h"
 #include "launcher/JvmStartChecks.h"
+#include "launcher/JvmStartHooks.h"
 #include "launcher/ThreadJniEnv.h"
 #include "launcher/jni/GlobalRef.h"
 #include "launcher/jni/LocalRef.h"
@@ -19,6 +24,7 @@
 namespace Jni = Ostrelink::Native::Jni;
 
 using Ostrelink::Native::Definitions::RuntimeOperationMode;
+using Ostrelink::Native::Launcher::JvmStartHooks;
 using Ostrelink::Native::LibrariesFinder::LibrariesFinder;
 
 namespace {
@@ -61,7 +67,8 @@ private:
 
 // Runs on the launch thread. JNI_CreateJavaVM attaches this thread to the new JVM as an ordinary
 // thread; it detaches before it ends, or the JVM would count it as live for ever, and a host's
-// DestroyJavaVM, which waits for every ordinary thread, would never return.
+// DestroyJavaVM, which waits for every ordinary thread, would never return. A JVM that gives up
+// the start keeps this thread inside JNI_CreateJavaVM (JvmStartHooks).
 void createJavaVM(JvmLauncher* launcher) {
     launcher->m_createJvmResult = launcher->m_createJavaVM(
         &launcher->m_jvm, reinterpret_cast<void**>(&launcher->m_JvmEnv), &launcher->m_jvmInitArgs);
@@ -80,6 +87,10 @@ int JvmLauncher::InitializeJvm() {
 #endif
     if (m_getCreatedJavaVMs == nullptr) {
         RaiseLauncherException(Failure::NotInitialized);
+    }
+    // The JVM that gave up is half made and can't be created again: touch it no more.
+    if (JvmStartHooks::abandoned()) {
+        RaiseStartFailure(Failure::JvmAbandonedStart);
     }
     if (m_operationMode == RuntimeOperationMode::Calling) {
         noteIgnoredJvmOptions();
@@ -117,12 +128,15 @@ int JvmLauncher::InitializeJvm() {
         // The user's options come last, so that they win where the JVM takes the last one.
         furtherOptions.insert(furtherOptions.end(), m_extraJvmOptions.begin(),
                               m_extraJvmOptions.end());
-        const std::size_t optionCount = 2 + furtherOptions.size();
+        // The hooks first, in force while the JVM reads every other option.
+        constexpr std::size_t hooks = JvmStartHooks::optionCount;
+        const std::size_t optionCount = hooks + 2 + furtherOptions.size();
         const JvmOptionsScope optionsScope(m_jvmOptions, optionCount);
-        m_jvmOptions[0].optionString = m_classPathOption.data();
-        m_jvmOptions[1].optionString = m_libraryPathOption.data();
+        JvmStartHooks::fill(m_jvmOptions);
+        m_jvmOptions[hooks].optionString = m_classPathOption.data();
+        m_jvmOptions[hooks + 1].optionString = m_libraryPathOption.data();
         for (std::size_t i = 0; i < furtherOptions.size(); ++i) {
-            m_jvmOptions[2 + i].optionString = furtherOptions[i].data();
+            m_jvmOptions[hooks + 2 + i].optionString = furtherOptions[i].data();
         }
         m_jvmInitArgs.nOptions = static_cast<jint>(optionCount);
         m_jvmInitArgs.options = m_jvmOptions;
@@ -130,16 +144,19 @@ int JvmLauncher::InitializeJvm() {
 
         // The JVM is created on a thread of its own, joined at once: the first thread of a
         // process, or a host thread with a small stack, is a poor place to create a JVM. A
-        // failure raised there is carried back and rethrown here, the same exception object.
+        // failure raised there is carried back and rethrown here, the same exception object. A
+        // JVM that gives up keeps the thread, and this one goes on without it.
         std::exception_ptr launchFailure;
-        std::thread launchThread([this, &launchFailure] {
+        const bool returned = JvmStartHooks::launch([this, &launchFailure] {
             try {
                 createJavaVM(this);
             } catch (...) {
                 launchFailure = std::current_exception();
             }
         });
-        launchThread.join();
+        if (!returned) {
+            RaiseStartFailure(Failure::JvmAbandonedStart);
+        }
         if (launchFailure) {
             std::rethrow_exception(launchFailure);
         }
@@ -159,13 +176,36 @@ int JvmLauncher::InitializeJvm() {
 void JvmLauncher::CheckBeforeCreatingJvm() {
     const char* value = std::getenv(jvmOptionsVariable);
     const std::string text = value == nullptr ? std::string() : value;
-    auto options = Ostrelink::Native::Launcher::splitJvmOptions(text);
+    using Ostrelink::Native::Launcher::splitJvmOptions;
+    auto options = splitJvmOptions(text);
     if (!options) {
         RaiseLauncherException(Failure::UnclosedQuote, text);
     }
-    if (const std::string* reserved =
-            Ostrelink::Native::Launcher::findReservedJvmOption(*options, m_debugMode)) {
+    using Ostrelink::Native::Launcher::findReservedJvmOption;
+    const auto readFile = [](const std::string& path) -> std::optional<std::string> {
+        std::ifstream file(path, std::ios::binary);
+        if (!file) {
+            return std::nullopt;
+        }
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    };
+    if (const auto reserved = findReservedJvmOption(*options, {true, m_debugMode}, readFile)) {
         RaiseLauncherException(Failure::ReservedJvmOption, *reserved);
+    }
+    // The JVM reads two variables of its own: JAVA_TOOL_OPTIONS before the library's options,
+    // so that a class path there loses, and _JAVA_OPTIONS after them, so that one there wins.
+    // (JDK_JAVA_OPTIONS belongs to the java launcher: an embedded JVM does not read it.)
+    for (const auto& [variable, classPathWins] :
+         {std::pair("JAVA_TOOL_OPTIONS", false), std::pair("_JAVA_OPTIONS", true)}) {
+        const char* own = std::getenv(variable);
+        const auto ownOptions = splitJvmOptions(own == nullptr ? "" : own);
+        if (const auto reserved =
+                ownOptions
+                    ? findReservedJvmOption(*ownOptions, {classPathWins, m_debugMode}, readFile)
+                    : std::nullopt) {
+            RaiseLauncherException(Failure::ReservedOptionInJvmVariable,
+                                   std::string(variable) + " holds " + *reserved);
+        }
     }
     m_extraJvmOptions = std::move(*options);
     // The class path has no escape for its separator: the runtime jar would be cut in two.
@@ -255,15 +295,23 @@ void JvmLauncher::HandleLaunchJvmError() {
         default:
             return;
     }
-    // The user's options are the likeliest cause; the JVM has said on standard error which one.
-    std::string options;
+    RaiseStartFailure(failure);
+}
+
+// The user's options are the likeliest cause, and the JVM's own message says which one.
+void JvmLauncher::RaiseStartFailure(Failure failure) {
+    std::string note;
     if (!m_extraJvmOptions.empty()) {
-        options = "\nJVM options from OSTRELINK_JVM_OPTIONS:";
+        note = "\nJVM options from OSTRELINK_JVM_OPTIONS:";
         for (const auto& option : m_extraJvmOptions) {
-            options += " [" + option + "]";
+            note += " [" + option + "]";
         }
     }
-    RaiseLauncherException(failure, options);
+    const std::string message = JvmStartHooks::jvmMessage();
+    if (!message.empty()) {
+        note += Ostrelink::Native::Launcher::jvmMessageNote + message;
+    }
+    RaiseLauncherException(failure, note);
 }
 
 int JvmLauncher::GetVersion() {

@@ -5,8 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+
+#include "support/Platform.h"
 
 namespace Ostrelink::Native::Launcher {
 
@@ -24,6 +27,26 @@ bool startsWith(const std::string& text, const char* prefix) {
 bool isOption(const std::string& option, const std::string& name, char separator) {
     return startsWith(option, name.c_str()) &&
            (option.size() == name.size() || option[name.size()] == separator);
+}
+
+constexpr char optionsFileOption[] = "-XX:VMOptionsFile=";
+
+bool isClassPathOption(const std::string& option) {
+    return option == "-cp" || option == "-classpath" || isOption(option, "--class-path", '=') ||
+           isOption(option, "-Djava.class.path", '=');
+}
+
+bool isDebuggerOption(const std::string& option) {
+    if (isOption(option, "-agentlib:jdwp", '=') || isOption(option, "-Xrunjdwp", ':')) {
+        return true;
+    }
+    const std::string agentPath = "-agentpath:";
+    if (!startsWith(option, agentPath.c_str())) {
+        return false;
+    }
+    const std::string path = option.substr(agentPath.size(), option.find('=') - agentPath.size());
+    const std::string file = path.substr(path.rfind('/') + 1);
+    return file == "jdwp" || file == OSTRELINK_LIBRARY_FILE("jdwp");
 }
 
 class ScopedSocket {
@@ -72,18 +95,78 @@ std::optional<std::vector<std::string>> splitJvmOptions(const std::string& text)
     }
 }
 
-const std::string* findReservedJvmOption(const std::vector<std::string>& options, bool debugMode) {
+std::optional<std::string> findReservedJvmOption(const std::vector<std::string>& options,
+                                                 ReservedOptions reserved,
+                                                 const OptionsFileReader& readFile) {
     for (const auto& option : options) {
-        const bool classPath = option == "-cp" || option == "-classpath" ||
-                               isOption(option, "--class-path", '=') ||
-                               isOption(option, "-Djava.class.path", '=');
-        const bool debugger =
-            isOption(option, "-agentlib:jdwp", '=') || isOption(option, "-Xrunjdwp", ':');
-        if (classPath || (debugMode && debugger)) {
-            return &option;
+        if ((reserved.classPath && isClassPathOption(option)) ||
+            (reserved.debugger && isDebuggerOption(option))) {
+            return option;
+        }
+        if (!startsWith(option, optionsFileOption)) {
+            continue;
+        }
+        // The JVM takes no options file inside another.
+        const std::string path = option.substr(sizeof optionsFileOption - 1);
+        const std::optional<std::string> text = readFile(path);
+        const auto inFile = text ? splitJvmOptions(*text) : std::nullopt;
+        for (const auto& fileOption : inFile.value_or(std::vector<std::string>())) {
+            if ((reserved.classPath && isClassPathOption(fileOption)) ||
+                (reserved.debugger && isDebuggerOption(fileOption))) {
+                return std::string(fileOption).append(" (in ").append(path).append(")");
+            }
         }
     }
-    return nullptr;
+    return std::nullopt;
+}
+
+std::vector<std::string> optionsBlamedBy(const std::string& jvmMessage,
+                                         const std::vector<std::string>& options) {
+    const auto named = [&jvmMessage](const std::string& option) {
+        // -XX:[+-]Name[=value] is named by Name alone ("Unrecognized VM option 'Name'").
+        std::string name = option;
+        if (startsWith(name, "-XX:")) {
+            name = name.substr(startsWith(name, "-XX:+") || startsWith(name, "-XX:-") ? 5 : 4);
+            name = name.substr(0, name.find('='));
+        }
+        // A name this short would be found in any message.
+        return name.size() >= 3 && jvmMessage.find(name) != std::string::npos;
+    };
+    const struct {
+        const char* word;
+        std::vector<const char*> prefixes;
+        const char* suffix;
+    } kinds[] = {
+        {"heap",
+         {"-Xms", "-Xmx", "-Xmn", "-XX:InitialHeapSize=", "-XX:MaxHeapSize=", "-XX:MinHeapSize=",
+          "-XX:NewSize=", "-XX:MaxNewSize=", "-XX:MaxRAM"},
+         ""},
+        {"stack size", {"-Xss", "-XX:ThreadStackSize="}, ""},
+        {"agent", {"-agentlib:", "-agentpath:", "-javaagent:", "-Xrun"}, ""},
+        {"garbage collector", {"-XX:+Use"}, "GC"},
+    };
+    std::vector<std::string> blamed;
+    for (const auto& option : options) {
+        if (named(option)) {
+            blamed.push_back(option);
+        }
+    }
+    for (const auto& kind : kinds) {
+        if (!blamed.empty() || jvmMessage.find(kind.word) == std::string::npos) {
+            continue;
+        }
+        for (const auto& option : options) {
+            const std::string suffix = kind.suffix;
+            const bool ofKind =
+                std::any_of(kind.prefixes.begin(), kind.prefixes.end(),
+                            [&option](const char* prefix) { return startsWith(option, prefix); });
+            if (ofKind && option.size() >= suffix.size() &&
+                option.compare(option.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                blamed.push_back(option);
+            }
+        }
+    }
+    return blamed;
 }
 
 int loopbackPortBindError(unsigned short port) {

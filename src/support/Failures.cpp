@@ -42,6 +42,10 @@ constexpr Entry entries[] = {
     {F::CreateJvmNoMemory, L, "034", "", nullptr},
     {F::CreateJvmExists, L, "035", "", nullptr},
     {F::CreateJvmInvalid, L, "036", "", nullptr},
+    {F::JvmAbandonedStart, L, "037",
+     ". The JVM gave up its start, which would have ended the process; its own message is on "
+     "standard error",
+     nullptr},
     {F::NoReply, L, "041", ".\nError while reading response", nullptr},
     {F::ShortCommand, L, "042", ". Message is null or shorter than its 11-byte header", nullptr},
     {F::BadResponseBuffer, L, "043", ". Response buffer is null or its length is negative",
@@ -77,6 +81,10 @@ constexpr Entry entries[] = {
      "its JVM can't run Java. Send Java commands from the parent, or start the child with exec "
      "(or fork before the first Java command)",
      nullptr},
+    // The detail is "<variable> holds <option>".
+    {F::ReservedOptionInJvmVariable, L, "067", ". ",
+     ", which the JVM reads too: the library sets the class path itself, and in debug mode the "
+     "JDWP agent, which the JVM can't load twice"},
     // The detail of 001 is the path, ". \nError: " and the reason.
     {F::CannotLoadLibrary, N, "001", ". \nCannot load: ", ""},
     {F::NoOwnPath, N, "002", ". \nError: ", ""},

@@ -29,6 +29,7 @@ enum class Failure {
     CreateJvmNoMemory,
     CreateJvmExists,
     CreateJvmInvalid,
+    JvmAbandonedStart,
     NoReply,
     ShortCommand,
     BadResponseBuffer,
@@ -52,6 +53,7 @@ enum class Failure {
     JavaExceptionAfterUtfChars,
     JavaExceptionAfterReleaseUtfChars,
     JvmLostToFork,
+    ReservedOptionInJvmVariable,
     // The native form: a plain throw of OstrelinkNativeException.
     CannotLoadLibrary,
     NoOwnPath,
@@ -80,7 +82,7 @@ struct Entry {
     Form form;
     const char* number;
     // The text behind the number. A failure with a variable part has it between head and tail;
-    // tail is null for one without (only 031 to 036 append a note of the options).
+    // tail is null for one without (only 031 to 037 append a note: the options, the JVM's message).
     const char* head;
     const char* tail;
 };

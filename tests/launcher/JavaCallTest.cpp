@@ -17,10 +17,12 @@ TEST(JavaCall, EachCommandTakesItsRoadAndLeavesEachThreadAsItWas) {
          {javaCommand("echo me"), makeMessage(2, 10, "x"), javaCommand("health_chec")}) {
         EXPECT_EQ(sendAndRead(receiver, command), command);
     }
-    // -Xcheck:jni comes first, from JAVA_TOOL_OPTIONS of the test environment.
+    // -Xcheck:jni comes first, from JAVA_TOOL_OPTIONS of the test environment, then the JVM's
+    // hooks.
     EXPECT_EQ(textOf(sendAndRead(receiver, javaCommand("jvm-arguments"))),
-              std::string("-Xcheck:jni\n-Djava.library.path=") + OSTRELINK_JAVA_HOME +
-                  "/lib:" + OSTRELINK_JAVA_HOME + "/jre/lib\n-Xmx64m\n-Dprobe.value=a b");
+              std::string("-Xcheck:jni\nexit\nabort\nvfprintf\n-Djava.library.path=") +
+                  OSTRELINK_JAVA_HOME + "/lib:" + OSTRELINK_JAVA_HOME +
+                  "/jre/lib\n-Xmx64m\n-Dprobe.value=a b");
     EXPECT_EQ(textOf(sendAndRead(receiver, makeMessage(2, 11, "12"))), "H");
     JavaVM* jvm = runningJvms().at(0);
     EXPECT_EQ(attachState(jvm), JNI_OK);

@@ -9,6 +9,7 @@
 #include "launcher/JvmStartChecks.h"
 
 using Ostrelink::Native::Launcher::findReservedJvmOption;
+using Ostrelink::Native::Launcher::optionsBlamedBy;
 using Ostrelink::Native::Launcher::searchJvm;
 using Ostrelink::Native::Launcher::splitJvmOptions;
 using Options = std::vector<std::string>;
@@ -57,18 +58,55 @@ TEST(JvmStartChecks, SplitAndRefuseOptions) {
     for (const auto& [text, options] : splits) {
         EXPECT_EQ(splitJvmOptions(text), options) << text;
     }
-    const std::tuple<Options, bool, std::string> reserved[] = {
-        {{"-ea", "-cp", "x"}, false, "-cp"},
-        {{"-classpath"}, false, "-classpath"},
-        {{"--class-path"}, false, "--class-path"},
-        {{"--class-path=x"}, false, "--class-path=x"},
-        {{"-Djava.class.path=x"}, false, "-Djava.class.path=x"},
-        {{"-Djava.class.paths=x", "-cpx", "-agentlib:jdwp=transport=dt_socket"}, false, ""},
-        {{"-agentlib:jdwp=transport=dt_socket"}, true, "-agentlib:jdwp=transport=dt_socket"},
-        {{"-agentlib:jdwpx", "-Xrunjdwp:server=y"}, true, "-Xrunjdwp:server=y"},
+    // An options file: read and split like the variable; a file that can't be read is the JVM's
+    // to report.
+    const auto readFile = [](const std::string& path) -> std::optional<std::string> {
+        if (path == "/f") {
+            return "-Xmx1g\n '-Djava.class.path=/x y' -agentpath:/opt/jdwp";
+        }
+        return std::nullopt;
     };
-    for (const auto& [options, debugMode, refused] : reserved) {
-        const std::string* found = findReservedJvmOption(options, debugMode);
-        EXPECT_EQ(found == nullptr ? "" : *found, refused) << options.front();
+    const std::tuple<Options, bool, bool, std::string> reserved[] = {
+        {{"-ea", "-cp", "x"}, true, false, "-cp"},
+        {{"-classpath"}, true, false, "-classpath"},
+        {{"--class-path"}, true, false, "--class-path"},
+        {{"--class-path=x"}, true, false, "--class-path=x"},
+        {{"-Djava.class.path=x"}, true, false, "-Djava.class.path=x"},
+        {{"-Djava.class.path=x"}, false, true, ""},
+        {{"-Djava.class.paths=x", "-cpx", "-agentlib:jdwp=transport=dt_socket"}, true, false, ""},
+        {{"-agentlib:jdwp=transport=dt_socket"}, true, true, "-agentlib:jdwp=transport=dt_socket"},
+        {{"-agentlib:jdwpx", "-Xrunjdwp:server=y"}, true, true, "-Xrunjdwp:server=y"},
+        {{"-agentpath:/opt/libjdwp.so"}, false, true, "-agentpath:/opt/libjdwp.so"},
+        {{"-agentpath:/libjdwp.so.1", "-agentpath:jdwp=a=b"}, false, true, "-agentpath:jdwp=a=b"},
+        {{"-XX:VMOptionsFile=/none", "-XX:VMOptionsFile=/f"},
+         true,
+         false,
+         "-Djava.class.path=/x y (in /f)"},
+        {{"-XX:VMOptionsFile=/f"}, false, true, "-agentpath:/opt/jdwp (in /f)"},
+        {{"-XX:VMOptionsFile=/f"}, false, false, ""},
+    };
+    for (const auto& [options, classPath, debugger, refused] : reserved) {
+        EXPECT_EQ(findReservedJvmOption(options, {classPath, debugger}, readFile).value_or(""),
+                  refused)
+            << options.back();
+    }
+}
+
+// The options that the JVM's message on a failed start points at: by name, else by kind.
+TEST(JvmStartChecks, TheJvmsMessageBlamesOptions) {
+    const Options options = {"-ea",          "-Xms2g",           "-Xmx1g",
+                             "-XX:+UseG1GC", "-XX:+UseSerialGC", "-XX:+NoSuchOpt",
+                             "-Xss1k",       "-XX:+UseNUMA"};
+    const std::pair<const char*, Options> messages[] = {
+        {"Initial heap size set to a larger value than the maximum heap size",
+         {"-Xms2g", "-Xmx1g"}},
+        {"Multiple garbage collectors selected", {"-XX:+UseG1GC", "-XX:+UseSerialGC"}},
+        {"Unrecognized VM option 'NoSuchOpt'", {"-XX:+NoSuchOpt"}},
+        {"The Java thread stack size specified is too small", {"-Xss1k"}},
+        {"Could not find agent library x", {}},
+        {"", {}},
+    };
+    for (const auto& [message, blamed] : messages) {
+        EXPECT_EQ(optionsBlamedBy(message, options), blamed) << message;
     }
 }

@@ -14,6 +14,7 @@ struct Refusal {
     RuntimeOperationMode mode = RuntimeOperationMode::Called;
     const char* variable = "OSTRELINK_JVM_OPTIONS";
     const char* prefix = "ostrelink-launcher-";
+    bool debugMode = false;
 };
 void PrintTo(const Refusal& row, std::ostream* out) {
     *out << row.name;
@@ -24,6 +25,9 @@ TEST_P(Refused, EveryCommandWithItsTextAndTheEarlierReplyStays) {
     const Refusal& row = GetParam();
     if (*row.value != 0) {
         setenv(row.variable, row.value, 1);
+    }
+    if (row.debugMode) {
+        setenv("OSTRELINK_DEBUG_MODE", "true", 1);
     }
     const InstallationCopy copy(*row.jar != 0 ? testJar(row.jar) : "", row.prefix);
     IReceiver* receiver = copy.receiver(row.mode);
@@ -40,6 +44,9 @@ TEST_P(Refused, EveryCommandWithItsTextAndTheEarlierReplyStays) {
 }
 
 const std::string reinstall = ". \nReinstall Ostrelink package\n";
+const std::string gaveUp =
+    "037. The JVM gave up its start, which would have ended the process; its own message is on "
+    "standard error\nJVM options from OSTRELINK_JVM_OPTIONS: ";
 const Refusal rows[] = {
     {"NoReceiverClass", "022" + reinstall, 1, "", ""},
     {"NoSendCommand", "024" + reinstall, 1, "", "lacking-sendCommand"},
@@ -53,10 +60,31 @@ const Refusal rows[] = {
     {"OptionRejectedByTheJvm", "036\n", 0, "-Xcheck:jni -XX:+NoSuchOptionForThisTest", "probe",
      RuntimeOperationMode::Called, "JAVA_TOOL_OPTIONS"},
     {"UsersOptionRejectedByTheJvm",
-     "031\nJVM options from OSTRELINK_JVM_OPTIONS: [-Xfoo] [-Dx=a b]\n", 0, "-Xfoo -Dx='a b'"},
+     "031\nJVM options from OSTRELINK_JVM_OPTIONS: [-Xfoo] [-Dx=a b]\nThe JVM said: Unrecognized "
+     "option: -Xfoo\n",
+     0, "-Xfoo -Dx='a b'"},
+    // The JVM would end the process here: it lives on, and the JVM is not touched again.
+    {"OptionsThatTheJvmGivesUpOn",
+     gaveUp + "[-Xms2g] [-Xmx1g]\nThe JVM said: Initial heap size set to a larger value than the "
+              "maximum heap size\n",
+     0, "-Xms2g -Xmx1g"},
+    {"AnAgentThatTheJvmGivesUpOn",
+     gaveUp + "[-agentlib:nosuchagent]\nThe JVM said: Could not find agent library nosuchagent", 0,
+     "-agentlib:nosuchagent"},
     {"UnclosedQuote", "046. OSTRELINK_JVM_OPTIONS has a quote that is not closed: -ea '-Dx=open\n",
      0, "-ea '-Dx=open"},
     {"ClassPathOption", "045. OSTRELINK_JVM_OPTIONS may not hold -cp:", 0, "-ea -cp /elsewhere"},
+    {"ClassPathInAnOptionsFile",
+     "045. OSTRELINK_JVM_OPTIONS may not hold -Djava.class.path=/elsewhere "
+     "(in " OSTRELINK_TEST_JAR_DIR "class-path.options):",
+     0, "-XX:VMOptionsFile=" OSTRELINK_TEST_JAR_DIR "class-path.options"},
+    {"SecondDebuggerByItsPath",
+     "045. OSTRELINK_JVM_OPTIONS may not hold -agentpath:" OSTRELINK_JAVA_HOME "/lib/libjdwp.so=",
+     0, "-agentpath:" OSTRELINK_JAVA_HOME "/lib/libjdwp.so=transport=dt_socket,address=8989",
+     "probe", RuntimeOperationMode::Called, "OSTRELINK_JVM_OPTIONS", "ostrelink-launcher-", true},
+    {"ClassPathInTheJvmsOwnVariable",
+     "067. _JAVA_OPTIONS holds -Djava.class.path=/elsewhere, which the JVM reads too", 0,
+     "-Djava.class.path=/elsewhere", "probe", RuntimeOperationMode::Called, "_JAVA_OPTIONS"},
     {"ColonInTheInstallationPath", "048. The installation path holds ':'", 0, "", "probe",
      RuntimeOperationMode::Called, "", "ostrelink:launcher-"},
 };

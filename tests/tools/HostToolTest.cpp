@@ -180,6 +180,12 @@ TEST_F(HostTool, TheDoctorNamesEachCheckOrTheFirstProblemAndItsFix) {
     fs::create_directories(directory() + "/jre/lib");  // a JRE without the server VM
     copyStage(directory());
     fs::remove(directory() + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar");
+    fs::create_symlink("loop", directory() + "/loop");
+    const std::string jarDirectory = directory() + "/jar-directory";
+    fs::create_directories(jarDirectory);
+    copyStage(jarDirectory);
+    fs::remove(jarDirectory + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar");
+    fs::create_directory(jarDirectory + "/stage/Binaries/Jvm/OstrelinkJvmRuntime.jar");
     // Stops before notReached: what failed, and what to do.
     const auto problem = [](const std::string& text, const std::string& fix,
                             const std::string& notReached, EnvironmentChanges environment,
@@ -207,11 +213,27 @@ TEST_F(HostTool, TheDoctorNamesEachCheckOrTheFirstProblemAndItsFix) {
                 {{"JAVA_HOME", directory() + "/nowhere"}}),
         problem("code 002", "a JRE without the server VM", "health check",
                 {{"JAVA_HOME", directory() + "/jre"}}),
+        problem("code 002", "JAVA_HOME names [^\n]*/loop, which is a loop of symbolic links",
+                "health check", {{"JAVA_HOME", directory() + "/loop"}}),
         problem("OstrelinkJvmRuntime.jar is missing", "reinstall", "health check", {},
                 directory() + "/stage/bin/ostrelink-host"),
+        problem("OstrelinkJvmRuntime.jar is a directory, not a jar", "reinstall", "health check",
+                {}, jarDirectory + "/stage/bin/ostrelink-host"),
         // A bad JVM option passes the health check and stops the start.
-        problem("code 031.*-Xfoo", "OSTRELINK_JVM_OPTIONS", "echo",
+        problem("code 031.*-Xfoo", "fix or drop -Xfoo in OSTRELINK_JVM_OPTIONS", "echo",
                 {{"OSTRELINK_JVM_OPTIONS", "-Xfoo"}}),
+        // The JVM would have ended the doctor: it names the options and the JVM's reason.
+        problem("code 037.*Initial heap size set to a larger value than the maximum heap size",
+                "fix or drop -Xms2g and -Xmx1g in OSTRELINK_JVM_OPTIONS \\(the JVM said: Initial",
+                "echo", {{"OSTRELINK_JVM_OPTIONS", "-Dx=1 -Xms2g -Xmx1g"}}),
+        problem("code 037", "fix or drop -agentlib:nosuchagent in", "echo",
+                {{"OSTRELINK_JVM_OPTIONS", "-ea -agentlib:nosuchagent"}}),
+        // Debug mode is said on standard output before the start, which waits for a debugger.
+        run({"doctor"}, 1,
+            ContainsRegex("doctor: health check: ok\ndoctor: JVM start: debug mode [^\n]*waits for "
+                          "a debugger on 127.0.0.1:8988[^\n]*unset OSTRELINK_DEBUG_MODE[^\n]*\n"
+                          "doctor: problem: [^\n]*code 045"),
+            _, {{"OSTRELINK_DEBUG_MODE", "true"}, {"OSTRELINK_JVM_OPTIONS", "-cp /x"}}),
         problem("code 045", "OSTRELINK_JVM_OPTIONS", "echo", {{"OSTRELINK_JVM_OPTIONS", "-cp /x"}}),
         problem("code 046", "OSTRELINK_JVM_OPTIONS", "echo", {{"OSTRELINK_JVM_OPTIONS", "'open"}}),
     });

@@ -24,6 +24,7 @@
 #include "HostSession.h"
 #include "RuntimeLibrary.h"
 #include "launcher/JvmSearch.h"
+#include "launcher/JvmStartChecks.h"
 #include "support/ErrorLogFile.h"
 #include "support/Platform.h"
 
@@ -39,6 +40,8 @@ using Ostrelink::Native::Launcher::configuredSourceLine;
 using Ostrelink::Native::Launcher::variableSourceLine;
 constexpr char searchPathLine[] = "JVM shared library search path: ";
 constexpr char runtimeInfoMark[] = "\nRUNTIME INFO:\n";
+// What Initialize prints in debug mode, where the JVM start waits for a debugger.
+constexpr char debugModeLine[] = "Jvm Launcher: Debug mode enabled.";
 
 constexpr char receiverClassEntry[] = "com/ostrelink/core/receiver/Receiver.class";
 
@@ -168,20 +171,44 @@ std::string codeOf(const std::string& failure) {
     return at == std::string::npos ? std::string() : failure.substr(at + mark.size(), 3);
 }
 
-std::string fixForCode(const std::string& code) {
+// The JVM refused its options (031 to 036) or gave up its start (037): name the options of
+// OSTRELINK_JVM_OPTIONS that its message points at.
+std::string fixForJvmStart(const std::string& failure) {
+    using Ostrelink::Native::Launcher::jvmMessageNote;
+    const std::size_t note = failure.find(jvmMessageNote);
+    const std::string message = note == std::string::npos
+                                    ? std::string()
+                                    : oneLine(failure.substr(note + sizeof jvmMessageNote - 1));
+    const std::string said = message.empty() ? "" : " (the JVM said: " + message + ")";
+    const char* value = std::getenv("OSTRELINK_JVM_OPTIONS");
+    const auto options = Ostrelink::Native::Launcher::splitJvmOptions(value == nullptr ? "" : value)
+                             .value_or(std::vector<std::string>());
+    if (options.empty()) {
+        return "the JVM refused to start" + said +
+               ": check JAVA_TOOL_OPTIONS and _JAVA_OPTIONS, which it reads too, "
+               "OSTRELINK_DEBUG_MODE (its 2 GiB heap), and that the JVM library belongs to a "
+               "whole JDK or JRE";
+    }
+    const auto blamed = Ostrelink::Native::Launcher::optionsBlamedBy(message, options);
+    if (blamed.empty()) {
+        return "fix or drop the option of OSTRELINK_JVM_OPTIONS that the JVM names on standard "
+               "error" +
+               said + ", or unset the variable";
+    }
+    std::string names;
+    for (const auto& option : blamed) {
+        names += (names.empty() ? "" : " and ") + option;
+    }
+    return "fix or drop " + names + " in OSTRELINK_JVM_OPTIONS" + said + ", or unset the variable";
+}
+
+std::string fixForFailure(const std::string& failure) {
+    const std::string code = codeOf(failure);
     if (code == "022" || code == "024" || code == "025" || code == "026") {
         return "the runtime jar does not match this library: reinstall the installation";
     }
-    // JNI_CreateJavaVM failed: with extra options, one of them is the likeliest cause.
-    if (code >= "031" && code <= "036") {
-        const char* options = std::getenv("OSTRELINK_JVM_OPTIONS");
-        if (options != nullptr && *options != '\0') {
-            return "fix or drop the option of OSTRELINK_JVM_OPTIONS that the JVM names on "
-                   "standard error (an unknown option gives code 031, a bad -XX: option 036), "
-                   "or unset the variable";
-        }
-        return "the JVM refused to start: check OSTRELINK_DEBUG_MODE, and that the JVM library "
-               "belongs to a whole JDK or JRE";
+    if (code >= "031" && code <= "037") {
+        return fixForJvmStart(failure);
     }
     if (code == "045") {
         return "drop that option from OSTRELINK_JVM_OPTIONS: put jars on the class path with "
@@ -207,12 +234,37 @@ struct Candidate {
     std::string description;
 };
 
-Candidate examine(const std::string& path, bool tried) {
+// Why a path can't be looked at, as a candidate's line says it and as "<path>, which ...".
+struct Unreachable {
+    std::string description;
+    std::string which;
+    bool missing() const { return description == "missing"; }
+};
+
+// nullopt when path can be looked at.
+std::optional<Unreachable> unreachable(const std::string& path) {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (path.empty() || !fs::exists(status)) {
-        return {path, State::Missing, "missing"};
+    if (path.empty() || error == std::errc::no_such_file_or_directory ||
+        error == std::errc::not_a_directory || (!error && !fs::exists(status))) {
+        return Unreachable{"missing", "does not exist"};
     }
+    if (error == std::errc::too_many_symbolic_link_levels) {
+        return Unreachable{"a loop of symbolic links", "is a loop of symbolic links"};
+    }
+    if (error) {
+        return Unreachable{"can't be reached: " + error.message(),
+                           "can't be reached: " + error.message()};
+    }
+    return std::nullopt;
+}
+
+Candidate examine(const std::string& path, bool tried) {
+    if (const auto reason = unreachable(path)) {
+        return {path, State::Missing, reason->description};
+    }
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
     if (fs::is_directory(status)) {
         return {path, State::Directory, "a directory, no library"};
     }
@@ -248,10 +300,9 @@ std::string pointAtAJvm(const JvmSource& source) {
 // What to do when the library found no JVM library (002) or no JVM in the one it opened (003).
 std::string fixForSearch(const std::string& code, const JvmSource& source,
                          const std::vector<Candidate>& candidates) {
-    std::error_code error;
-    if (code == "002" && !fs::exists(source.value, error)) {
-        return source.name + " names " + source.value +
-               ", which does not exist: " + pointAtAJvm(source);
+    if (const auto reason = unreachable(source.value); code == "002" && reason) {
+        return source.name + " names " + source.value + ", which " + reason->which + ": " +
+               pointAtAJvm(source);
     }
     for (const Candidate& candidate : candidates) {
         if (candidate.state == State::DoesNotLoad) {
@@ -321,6 +372,29 @@ std::string today() {
     return date.str();
 }
 
+// The bytes of the runtime jar; a Problem when there is none to read.
+std::string readRuntimeJar(const std::string& jar) {
+    const std::string reinstall =
+        "reinstall: the library puts this jar on the JVM's class path, and the JVM start fails "
+        "without it (code 022)";
+    if (const auto reason = unreachable(jar)) {
+        throw Problem(
+            "the runtime jar " + jar + (reason->missing() ? " is missing" : " " + reason->which),
+            reinstall);
+    }
+    std::error_code error;
+    if (fs::is_directory(jar, error)) {
+        throw Problem("the runtime jar " + jar + " is a directory, not a jar", reinstall);
+    }
+    std::ifstream file(jar, std::ios::binary);
+    std::ostringstream bytes;
+    if (!file || !(bytes << file.rdbuf())) {
+        throw Problem("the runtime jar " + jar + " can't be read: " + std::strerror(errno),
+                      reinstall);
+    }
+    return bytes.str();
+}
+
 template <typename Function>
 Function exportOf(const OpenedLibrary& library, const std::string& path, const char* name) {
     auto* function = reinterpret_cast<Function>(library.find(name));
@@ -357,7 +431,7 @@ int Doctor::run(const std::string& libraryPath) {
         say("fix: " + problem.fix());
     } catch (const std::exception& failure) {
         say("problem: " + oneLine(failure.what()));
-        say("fix: " + fixForCode(codeOf(failure.what())));
+        say("fix: " + fixForFailure(failure.what()));
     }
     return 1;
 }
@@ -424,20 +498,13 @@ void Doctor::check(const std::string& libraryPath) {
     if (!failure.empty()) {
         throw Problem(oneLine(failure), code == "002" || code == "003"
                                             ? fixForSearch(code, *source, candidates)
-                                            : fixForCode(code));
+                                            : fixForFailure(failure));
     }
 
     const std::string jar = (fs::path(library->path()).parent_path() / OSTRELINK_HOST_RUNTIME_JAR)
                                 .lexically_normal()
                                 .string();
-    std::ifstream jarFile(jar, std::ios::binary);
-    if (!jarFile) {
-        throw Problem("the runtime jar " + jar + " is missing",
-                      "reinstall: the library puts this jar on the JVM's class path, and the JVM "
-                      "start fails without it (code 022)");
-    }
-    const std::string bytes{std::istreambuf_iterator<char>(jarFile),
-                            std::istreambuf_iterator<char>()};
+    const std::string bytes = readRuntimeJar(jar);
     const std::optional<bool> holdsReceiver = zipHasEntry(bytes, receiverClassEntry);
     if (!holdsReceiver || !*holdsReceiver) {
         throw Problem("the runtime jar " + jar +
@@ -474,6 +541,11 @@ void Doctor::check(const std::string& libraryPath) {
     HostSession session(receiver);
     session.checkHealth();
     say("health check: ok");
+    if (printed.find(debugModeLine) != std::string::npos) {
+        say("JVM start: debug mode (OSTRELINK_DEBUG_MODE): the JVM waits for a debugger on "
+            "127.0.0.1:8988 before it starts; attach one, or unset OSTRELINK_DEBUG_MODE to start "
+            "without");
+    }
     Clock::time_point start = Clock::now();
     const std::string info = session.javaRuntimeInfo();
     const Clock::duration startTime = Clock::now() - start;
