@@ -48,8 +48,8 @@ Options:
                           PEM file (mutual TLS).
   --max-connections N     Connections served at once (1-100000). Past it, a new client waits
                           in the listen queue, and the connection idle between frames the
-                          longest is closed to admit it; with none idle, it waits until a
-                          connection ends. Default: 64
+                          longest is closed to admit it; with none idle, it waits until one
+                          is, or until a connection ends. Default: 64
   --max-frame-bytes N     Largest frame accepted or sent (1-2147483647). A larger request closes
                           that connection. Default: 67108864 (64 MiB)
   --idle-timeout-ms N     How long a connection may stay silent between frames, and how long a
