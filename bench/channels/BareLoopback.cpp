@@ -104,14 +104,32 @@ void BareLoopback::Stream::writeAll(const unsigned char* data, std::size_t size)
 void BareLoopback::setUpTls(const TestCertificates& tls) {
     m_serverContext.reset(SSL_CTX_new(TLS_server_method()));
     m_clientContext.reset(SSL_CTX_new(TLS_client_method()));
-    if (!m_serverContext || !m_clientContext ||
-        SSL_CTX_use_certificate_chain_file(m_serverContext.get(), tls.serverCert.c_str()) != 1 ||
-        SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls.serverKey.c_str(),
-                                    SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_load_verify_locations(m_clientContext.get(), tls.caCert.c_str(), nullptr) != 1) {
+    if (!m_serverContext || !m_clientContext) {
         throw std::runtime_error("bare loopback: cannot set up TLS");
     }
-    SSL_CTX_set_verify(m_clientContext.get(), SSL_VERIFY_PEER, nullptr);
+    // Both ends pinned to what the client library and ostrelink-server agree on by default, so
+    // that the same cryptography is measured on both roads.
+    for (SSL_CTX* context : {m_serverContext.get(), m_clientContext.get()}) {
+        if (SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) != 1 ||
+            SSL_CTX_set_max_proto_version(context, TLS1_3_VERSION) != 1 ||
+            SSL_CTX_set_ciphersuites(context, "TLS_AES_256_GCM_SHA384") != 1 ||
+            SSL_CTX_set1_groups_list(context, "X25519") != 1 ||
+            SSL_CTX_load_verify_locations(context, tls.caCert.c_str(), nullptr) != 1) {
+            throw std::runtime_error("bare loopback: cannot set up TLS");
+        }
+        SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    }
+    // Mutual TLS, as the benchmarked ostrelink-server asks for.
+    if (SSL_CTX_use_certificate_chain_file(m_serverContext.get(), tls.serverCert.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(m_serverContext.get(), tls.serverKey.c_str(),
+                                    SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_certificate_chain_file(m_clientContext.get(), tls.clientCert.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(m_clientContext.get(), tls.clientKey.c_str(),
+                                    SSL_FILETYPE_PEM) != 1) {
+        throw std::runtime_error("bare loopback: cannot load the test certificates");
+    }
+    // No session tickets, as ostrelink-server: they would be bytes to read after the handshake.
+    SSL_CTX_set_num_tickets(m_serverContext.get(), 0);
 }
 
 void BareLoopback::connectClient(unsigned short port) {

@@ -11,12 +11,15 @@ namespace Ostrelink::Network {
 class ByteChannel {
 public:
     virtual ~ByteChannel() = default;
-    // Reads at most size bytes, waiting up to timeoutMs for the first of them. Returns 0 once
-    // the peer has closed the stream. Throws StreamError on time-out and on failures.
+    // Reads at most size bytes, returning within timeoutMs (a TLS record dripped byte by byte
+    // does not stretch it). Returns 0 once the peer has closed the stream. Throws StreamError on
+    // time-out and on failures.
     virtual std::size_t readSome(unsigned char* buffer, std::size_t size, int timeoutMs) = 0;
-    // Writes everything, waiting up to timeoutMs each time the peer stops taking bytes.
+    // Writes everything within timeoutMs in all: a peer that takes a byte now and then can't hold
+    // the writer longer.
     virtual void writeAll(const unsigned char* data, std::size_t size, int timeoutMs) = 0;
-    // Writes head and then data, in one system call whenever the peer takes them at once.
+    // Writes head and then data, in one system call whenever the peer takes them at once; the
+    // same bound as writeAll.
     virtual void writeGathered(const unsigned char* head, std::size_t headSize,
                                const unsigned char* data, std::size_t size, int timeoutMs) = 0;
     virtual const Socket& socket() const = 0;
@@ -40,12 +43,9 @@ public:
     bool holdsUnreadBytes() const override { return m_begin < m_end; }
 
 private:
-    // Sets both time-outs when they differ from the last ones set.
-    void useTimeout(int timeoutMs);
     std::size_t receive(unsigned char* buffer, std::size_t size, int timeoutMs);
 
     Socket m_socket;
-    int m_timeoutMs = -1;
     unsigned char m_buffer[4096];
     std::size_t m_begin = 0;
     std::size_t m_end = 0;

@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include "Deadline.h"
 #include "StreamError.h"
 
 namespace Ostrelink::Network {
@@ -13,22 +14,36 @@ namespace {
 // Bytes reserved for a frame before any of its payload has arrived.
 constexpr std::size_t firstFrameChunk = 64 * 1024;
 
-// Fills the buffer. False if the stream ended before the first byte and that is allowed.
-bool readExact(ByteChannel& channel, unsigned char* buffer, std::size_t size, int timeoutMs,
-               bool endAllowed) {
+StreamError incomplete(const Deadline& deadline) {
+    return StreamError(StreamFailure::TimedOut, "frame not complete within " +
+                                                    std::to_string(deadline.timeoutMs()) +
+                                                    " ms of its first byte");
+}
+
+// Fills the buffer before the deadline of the frame.
+void readExact(ByteChannel& channel, unsigned char* buffer, std::size_t size,
+               const Deadline& deadline) {
     std::size_t done = 0;
     while (done < size) {
-        const std::size_t got = channel.readSome(buffer + done, size - done, timeoutMs);
-        if (got == 0) {
-            if (done == 0 && endAllowed) {
-                return false;
+        const int left = deadline.leftMs();
+        if (left == 0) {
+            throw incomplete(deadline);
+        }
+        std::size_t got = 0;
+        try {
+            got = channel.readSome(buffer + done, size - done, left);
+        } catch (const StreamError& error) {
+            if (error.failure() != StreamFailure::TimedOut) {
+                throw;
             }
+            throw incomplete(deadline);
+        }
+        if (got == 0) {
             throw StreamError(StreamFailure::ClosedMidFrame,
                               "connection closed in the middle of a frame");
         }
         done += got;
     }
-    return true;
 }
 
 }  // namespace
@@ -56,11 +71,18 @@ void writeFrame(ByteChannel& channel, const unsigned char* data, std::size_t siz
 }
 
 std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::uint32_t maxSize,
-                                                    int timeoutMs) {
+                                                    int timeoutMs,
+                                                    const std::function<void()>& started) {
     unsigned char header[frameHeaderSize];
-    if (!readExact(channel, header, frameHeaderSize, timeoutMs, true)) {
+    const std::size_t first = channel.readSome(header, frameHeaderSize, timeoutMs);
+    if (first == 0) {
         return std::nullopt;
     }
+    if (started) {
+        started();
+    }
+    const Deadline deadline(timeoutMs);
+    readExact(channel, header + first, frameHeaderSize - first, deadline);
     const std::uint32_t length = decodeFrameLength(header);
     if (length > maxSize) {
         throw StreamError(StreamFailure::Oversize, "frame of " + std::to_string(length) +
@@ -73,7 +95,7 @@ std::optional<std::vector<unsigned char>> readFrame(ByteChannel& channel, std::u
     std::size_t done = 0;
     while (done < length) {
         payload.resize(std::min<std::size_t>(length, std::max(done * 2, firstFrameChunk)));
-        readExact(channel, payload.data() + done, payload.size() - done, timeoutMs, false);
+        readExact(channel, payload.data() + done, payload.size() - done, deadline);
         done = payload.size();
     }
     return payload;

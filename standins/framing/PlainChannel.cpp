@@ -1,6 +1,4 @@
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "ByteChannel.h"
+#include "Deadline.h"
 #include "StreamError.h"
 
 namespace Ostrelink::Network {
@@ -20,32 +19,25 @@ StreamError timedOut(int timeoutMs) {
                        "no data within " + std::to_string(timeoutMs) + " ms");
 }
 
+StreamError cannotLimit() {
+    return StreamError(StreamFailure::Io, "cannot set the time-out: " + errnoText(errno));
+}
+
+StreamError notTaken(int timeoutMs) {
+    return StreamError(StreamFailure::TimedOut, "the peer did not take the data within " +
+                                                    std::to_string(timeoutMs) + " ms");
+}
+
 }  // namespace
 
 PlainChannel::PlainChannel(Socket socket) : m_socket(std::move(socket)) {
-    const int flags = ::fcntl(m_socket.fd(), F_GETFL);
-    if (flags < 0 || ::fcntl(m_socket.fd(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
-        throw StreamError(StreamFailure::Io,
-                          "cannot make the socket blocking: " + errnoText(errno));
-    }
-}
-
-void PlainChannel::useTimeout(int timeoutMs) {
-    if (timeoutMs == m_timeoutMs) {
-        return;
-    }
-    // Zero would mean no time-out at all.
-    const int ms = std::max(timeoutMs, 1);
-    const timeval limit{ms / 1000, static_cast<suseconds_t>(ms % 1000) * 1000};
-    if (::setsockopt(m_socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
-        ::setsockopt(m_socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
-        throw StreamError(StreamFailure::Io, "cannot set the time-out: " + errnoText(errno));
-    }
-    m_timeoutMs = timeoutMs;
+    m_socket.makeBlocking();
 }
 
 std::size_t PlainChannel::receive(unsigned char* buffer, std::size_t size, int timeoutMs) {
-    useTimeout(timeoutMs);
+    if (!m_socket.limitReceive(timeoutMs)) {
+        throw cannotLimit();
+    }
     for (;;) {
         const ssize_t got = ::recv(m_socket.fd(), buffer, size, 0);
         if (got >= 0) {
@@ -87,9 +79,16 @@ void PlainChannel::writeGathered(const unsigned char* head, std::size_t headSize
     message.msg_iov = parts;
     message.msg_iovlen = 2;
     bool anySent = false;
-    useTimeout(timeoutMs);
+    const Deadline deadline(timeoutMs);
     // sendmsg rather than writev: only the former takes MSG_NOSIGNAL.
     while (message.msg_iovlen > 0) {
+        const int left = deadline.leftMs();
+        if (left == 0) {
+            throw notTaken(timeoutMs);
+        }
+        if (!m_socket.limitSend(left)) {
+            throw cannotLimit();
+        }
         ssize_t sent = ::sendmsg(m_socket.fd(), &message, MSG_NOSIGNAL);
         if (sent >= 0) {
             anySent = anySent || sent > 0;
@@ -109,8 +108,7 @@ void PlainChannel::writeGathered(const unsigned char* head, std::size_t headSize
             continue;
         }
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            throw StreamError(StreamFailure::TimedOut,
-                              "the peer took no data within " + std::to_string(timeoutMs) + " ms");
+            throw notTaken(timeoutMs);
         }
         const bool gone = errno == EPIPE || errno == ECONNRESET;
         throw StreamError(!anySent && gone ? StreamFailure::Unsent : StreamFailure::Io,

@@ -6,8 +6,10 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -23,7 +25,10 @@ Socket::~Socket() {
     }
 }
 
-Socket::Socket(Socket&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+Socket::Socket(Socket&& other) noexcept
+    : m_fd(std::exchange(other.m_fd, -1)),
+      m_receiveLimitMs(other.m_receiveLimitMs),
+      m_sendLimitMs(other.m_sendLimitMs) {}
 
 Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other) {
@@ -31,8 +36,44 @@ Socket& Socket::operator=(Socket&& other) noexcept {
             ::close(m_fd);
         }
         m_fd = std::exchange(other.m_fd, -1);
+        m_receiveLimitMs = other.m_receiveLimitMs;
+        m_sendLimitMs = other.m_sendLimitMs;
     }
     return *this;
+}
+
+void Socket::makeBlocking() {
+    const int flags = ::fcntl(m_fd, F_GETFL);
+    if (flags < 0 || ::fcntl(m_fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        throw StreamError(StreamFailure::Io,
+                          "cannot make the socket blocking: " + errnoText(errno));
+    }
+}
+
+namespace {
+
+bool setLimit(int fd, int option, int timeoutMs, int& current) noexcept {
+    if (timeoutMs == current) {
+        return true;
+    }
+    // Zero would mean no time-out at all.
+    const int ms = std::max(timeoutMs, 1);
+    const timeval limit{ms / 1000, static_cast<suseconds_t>(ms % 1000) * 1000};
+    if (::setsockopt(fd, SOL_SOCKET, option, &limit, sizeof(limit)) != 0) {
+        return false;
+    }
+    current = timeoutMs;
+    return true;
+}
+
+}  // namespace
+
+bool Socket::limitReceive(int timeoutMs) noexcept {
+    return setLimit(m_fd, SO_RCVTIMEO, timeoutMs, m_receiveLimitMs);
+}
+
+bool Socket::limitSend(int timeoutMs) noexcept {
+    return setLimit(m_fd, SO_SNDTIMEO, timeoutMs, m_sendLimitMs);
 }
 
 void Socket::shutdownBoth() const {

@@ -2,43 +2,15 @@
 
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdint>
 
 #include "StreamError.h"
 
 namespace Ostrelink::Network {
 
 namespace {
-
-// The socket BIO of OpenSSL writes with write(), which raises SIGPIPE on a vanished peer; this
-// one sends with MSG_NOSIGNAL instead. The descriptor stays owned by the channel's Socket.
-int socketFd(BIO* bio) {
-    return static_cast<int>(reinterpret_cast<std::intptr_t>(BIO_get_data(bio)));
-}
-
-int bioWrite(BIO* bio, const char* data, int size) {
-    BIO_clear_retry_flags(bio);
-    const ssize_t sent = ::send(socketFd(bio), data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
-    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-        BIO_set_retry_write(bio);
-    }
-    return static_cast<int>(sent);
-}
-
-int bioRead(BIO* bio, char* buffer, int size) {
-    BIO_clear_retry_flags(bio);
-    const ssize_t got = ::recv(socketFd(bio), buffer, static_cast<std::size_t>(size), 0);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-        BIO_set_retry_read(bio);
-    } else if (got == 0) {
-        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
-    }
-    return static_cast<int>(got);
-}
 
 long bioControl(BIO* bio, int command, long, void*) {
     switch (command) {
@@ -54,27 +26,6 @@ long bioControl(BIO* bio, int command, long, void*) {
 int bioCreate(BIO* bio) {
     BIO_set_init(bio, 1);
     return 1;
-}
-
-BIO* newSocketBio(int fd) {
-    static BIO_METHOD* const method = [] {
-        BIO_METHOD* made =
-            BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "ostrelink socket");
-        if (made != nullptr) {
-            BIO_meth_set_write(made, bioWrite);
-            BIO_meth_set_read(made, bioRead);
-            BIO_meth_set_ctrl(made, bioControl);
-            BIO_meth_set_create(made, bioCreate);
-        }
-        return made;
-    }();
-    BIO* bio = method != nullptr ? BIO_new(method) : nullptr;
-    if (bio != nullptr) {
-        // The data slot holds the descriptor itself, not a pointer.
-        // NOLINTNEXTLINE(performance-no-int-to-ptr)
-        BIO_set_data(bio, reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
-    }
-    return bio;
 }
 
 }  // namespace
@@ -112,9 +63,92 @@ std::string takeTlsErrors() {
     return text.empty() ? "unknown TLS error" : text;
 }
 
-TlsChannel::TlsChannel(Socket socket, SSL_CTX* context)
-    : m_socket(std::move(socket)), m_ssl(SSL_new(context)) {
-    BIO* bio = m_ssl ? newSocketBio(m_socket.fd()) : nullptr;
+void TlsChannel::Link::start(int callTimeoutMs) {
+    timeoutMs = callTimeoutMs;
+    deadline.reset();
+    timedOut = false;
+}
+
+int TlsChannel::Link::leftMs() {
+    if (!deadline) {
+        deadline.emplace(timeoutMs);
+        return timeoutMs;
+    }
+    return deadline->leftMs();
+}
+
+// The socket BIO of OpenSSL writes with write(), which raises SIGPIPE on a vanished peer; this
+// one sends with MSG_NOSIGNAL instead. It asks OpenSSL to retry only when the call's time is up,
+// which the channel then reports as a time-out; an interrupted call is simply made again.
+BIO* TlsChannel::newSocketBio(Link* link) {
+    static BIO_METHOD* const method = [] {
+        BIO_METHOD* made =
+            BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "ostrelink socket");
+        if (made != nullptr) {
+            BIO_meth_set_write(made, bioWrite);
+            BIO_meth_set_read(made, bioRead);
+            BIO_meth_set_ctrl(made, bioControl);
+            BIO_meth_set_create(made, bioCreate);
+        }
+        return made;
+    }();
+    BIO* bio = method != nullptr ? BIO_new(method) : nullptr;
+    if (bio != nullptr) {
+        BIO_set_data(bio, link);
+    }
+    return bio;
+}
+
+template <typename Io>
+int TlsChannel::transfer(BIO* bio, bool receiving, Io io) {
+    Link& link = *static_cast<Link*>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    for (;;) {
+        const int left = link.leftMs();
+        if (left > 0) {
+            if (!(receiving ? link.socket.limitReceive(left) : link.socket.limitSend(left))) {
+                return -1;
+            }
+            const ssize_t done = io(link.socket.fd());
+            if (done >= 0) {
+                return static_cast<int>(done);
+            }
+            if (errno == EINTR) {
+                continue;
+            }
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                return -1;
+            }
+        }
+        link.timedOut = true;
+        if (receiving) {
+            BIO_set_retry_read(bio);
+        } else {
+            BIO_set_retry_write(bio);
+        }
+        return -1;
+    }
+}
+
+int TlsChannel::bioRead(BIO* bio, char* buffer, int size) {
+    const int got = transfer(
+        bio, true, [&](int fd) { return ::recv(fd, buffer, static_cast<std::size_t>(size), 0); });
+    if (got == 0) {
+        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    }
+    return got;
+}
+
+int TlsChannel::bioWrite(BIO* bio, const char* data, int size) {
+    return transfer(bio, false, [&](int fd) {
+        return ::send(fd, data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    });
+}
+
+TlsChannel::TlsChannel(Socket socket, SSL_CTX* context) : m_ssl(SSL_new(context)) {
+    m_link.socket = std::move(socket);
+    m_link.socket.makeBlocking();
+    BIO* bio = m_ssl ? newSocketBio(&m_link) : nullptr;
     if (bio == nullptr) {
         throw StreamError(StreamFailure::Tls, "cannot set up TLS: " + takeTlsErrors());
     }
@@ -141,8 +175,10 @@ std::unique_ptr<TlsChannel> TlsChannel::accept(Socket socket, SSL_CTX* context, 
 }
 
 void TlsChannel::handshake(bool client, int timeoutMs) {
+    m_link.start(timeoutMs);
     for (;;) {
         ERR_clear_error();
+        errno = 0;
         const int result = client ? SSL_connect(m_ssl.get()) : SSL_accept(m_ssl.get());
         if (result == 1) {
             return;
@@ -154,23 +190,22 @@ void TlsChannel::handshake(bool client, int timeoutMs) {
                               std::string("TLS verification of the peer certificate failed: ") +
                                   X509_verify_cert_error_string(verified));
         }
-        if (!settle(result, timeoutMs, "TLS handshake")) {
+        if (!settle(result, "TLS handshake", " not finished")) {
             throw StreamError(StreamFailure::Tls, "TLS handshake failed: connection closed");
         }
     }
 }
 
-bool TlsChannel::settle(int result, int timeoutMs, const char* action) {
+bool TlsChannel::settle(int result, const char* action, const char* late) {
     const int savedErrno = errno;
-    const int error = SSL_get_error(m_ssl.get(), result);
-    switch (error) {
+    switch (SSL_get_error(m_ssl.get(), result)) {
         case SSL_ERROR_WANT_READ:
         case SSL_ERROR_WANT_WRITE:
-            if (!waitFor(m_socket.fd(), error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT,
-                         timeoutMs)) {
-                throw StreamError(StreamFailure::TimedOut, std::string(action) +
-                                                               ": no progress within " +
-                                                               std::to_string(timeoutMs) + " ms");
+            if (m_link.timedOut) {
+                ERR_clear_error();
+                throw StreamError(StreamFailure::TimedOut, std::string(action) + late + " within " +
+                                                               std::to_string(m_link.timeoutMs) +
+                                                               " ms");
             }
             return true;
         case SSL_ERROR_ZERO_RETURN:
@@ -191,6 +226,7 @@ bool TlsChannel::settle(int result, int timeoutMs, const char* action) {
 }
 
 std::size_t TlsChannel::readSome(unsigned char* buffer, std::size_t size, int timeoutMs) {
+    m_link.start(timeoutMs);
     for (;;) {
         ERR_clear_error();
         errno = 0;
@@ -199,13 +235,14 @@ std::size_t TlsChannel::readSome(unsigned char* buffer, std::size_t size, int ti
         if (result == 1) {
             return got;
         }
-        if (!settle(result, timeoutMs, "TLS receive")) {
+        if (!settle(result, "TLS receive", ": no data")) {
             return 0;
         }
     }
 }
 
 void TlsChannel::writeAll(const unsigned char* data, std::size_t size, int timeoutMs) {
+    m_link.start(timeoutMs);
     while (size > 0) {
         ERR_clear_error();
         errno = 0;
@@ -216,7 +253,7 @@ void TlsChannel::writeAll(const unsigned char* data, std::size_t size, int timeo
             size -= written;
             continue;
         }
-        if (!settle(result, timeoutMs, "TLS send")) {
+        if (!settle(result, "TLS send", ": the peer did not take the data")) {
             throw StreamError(StreamFailure::Closed, "TLS send failed: connection closed");
         }
     }

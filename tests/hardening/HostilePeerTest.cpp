@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include <ostrelink/RuntimeFactories.h>
 
@@ -133,6 +134,28 @@ TEST_F(HostilePeer, ACertificateForAnotherAddressFailsVerificationWithAClearText
                                certificates.serverKey});
     EXPECT_EQ(sendAndRead(m_transmitter, message(2, rightServer.port(), healthCheckMessage()), 2),
               acknowledgeBytes());
+}
+
+// A server that drips its handshake, a byte every 200 ms, each well inside the connect time-out:
+// the handshake is bounded as a whole, so the command fails within that time-out, not never.
+TEST_F(HostilePeer, AHandshakeDrippedByteByByteFailsWithinTheConnectTimeOut) {
+    ::setenv("OSTRELINK_NET_CONNECT_TIMEOUT_MS", "300", 1);
+    TestPeer peer([&peer](int fd, int) {
+        const Bytes record{0x16, 3, 3, 2, 0};  // a handshake record of 512 bytes, never finished
+        for (std::size_t index = 0; index < 75 && !peer.stopping(); ++index) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            writeRaw(fd, {index < record.size() ? record[index] : std::uint8_t{0}});
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(failureOf([&] { sendAndRead(m_transmitter, message(2, peer.port()), 2); }),
+                HasSubstr("Ostrelink TLS client 127.0.0.1:" + std::to_string(peer.port()) +
+                          ": cannot connect: TLS handshake not finished within 300 ms"));
+    // 20 times the time-out: only a handshake that is never cut short gets near it.
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - start)
+                  .count(),
+              6000);
 }
 
 }  // namespace

@@ -5,11 +5,16 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <iostream>
+#include <utility>
+#include <vector>
 
 #include "Frame.h"
 #include "StreamError.h"
@@ -31,6 +36,13 @@ std::string describe(const sockaddr_in& address) {
 std::string tlsFailure(const std::string& what, const std::string& file) {
     return "cannot use " + what + " " + file + ": " + takeTlsErrors();
 }
+
+std::int64_t ticksNow() {
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
+
+// While the server is full, how often it looks again for a connection gone idle.
+constexpr int fullPollMs = 50;
 
 }  // namespace
 
@@ -80,6 +92,10 @@ Server::Server(const ServerOptions& options, const HostedRuntime& runtime)
     socklen_t size = sizeof(address);
     ::getsockname(m_listener.fd(), reinterpret_cast<sockaddr*>(&address), &size);
     m_port = ntohs(address.sin_port);
+    m_sessionEnded = Socket(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!m_sessionEnded.valid()) {
+        throw std::runtime_error("cannot create an eventfd: " + errnoText(errno));
+    }
 }
 
 Server::~Server() {
@@ -92,24 +108,68 @@ std::string Server::endpoint() const {
 
 bool Server::run(int stopFd) {
     for (;;) {
-        pollfd entries[2] = {{m_listener.fd(), POLLIN, 0}, {stopFd, POLLIN, 0}};
-        // Wakes now and then to join the threads of finished connections.
-        const int ready = ::poll(entries, 2, 1000);
         reapFinished();
+        const bool full = m_sessions.size() >= static_cast<std::size_t>(m_options.maxConnections);
+        if (full) {
+            makeRoom();
+        }
+        // At capacity the listener is not watched: a new client waits in its queue until a
+        // session ends, rather than being accepted only to be closed.
+        pollfd entries[3] = {{stopFd, POLLIN, 0},
+                             {m_sessionEnded.fd(), POLLIN, 0},
+                             {full ? -1 : m_listener.fd(), POLLIN, 0}};
+        const int ready = ::poll(entries, 3, full ? fullPollMs : -1);
         if (ready < 0) {
             if (errno == EINTR) {
                 continue;
             }
             throw std::runtime_error("poll failed: " + errnoText(errno));
         }
-        if (entries[1].revents != 0) {
+        if (entries[0].revents != 0) {
             break;
         }
-        if (entries[0].revents != 0) {
+        if (entries[1].revents != 0) {
+            eventfd_t ended = 0;
+            ::eventfd_read(m_sessionEnded.fd(), &ended);
+        }
+        if (entries[2].revents != 0) {
             accept();
         }
     }
     return drain();
+}
+
+void Server::makeRoom() {
+    std::vector<std::pair<std::int64_t, Session*>> idle;
+    for (Session& session : m_sessions) {
+        const std::int64_t since = session.idleSince.load();
+        if (since == Session::closing && !session.finished) {
+            return;
+        }
+        if (since >= 0) {
+            idle.emplace_back(since, &session);
+        }
+    }
+    if (idle.empty() || !waitFor(m_listener.fd(), POLLIN, 0)) {
+        return;
+    }
+    std::sort(idle.begin(), idle.end());
+    const std::int64_t now = ticksNow();
+    for (auto [since, session] : idle) {
+        // Bytes waiting on it are a frame about to be read: not idle after all.
+        if (waitFor(session->shutdownHandle.fd(), POLLIN, 0) ||
+            !session->idleSince.compare_exchange_strong(since, Session::closing)) {
+            continue;
+        }
+        session->shutdownHandle.shutdownBoth();
+        const auto idleMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::duration(now - since));
+        logLine("connection from " + session->peer + " closed: idle for " +
+                std::to_string(idleMs.count()) + " ms, the longest of " +
+                std::to_string(m_sessions.size()) +
+                " connections, to make room for a waiting client");
+        return;
+    }
 }
 
 bool Server::drain() {
@@ -169,11 +229,6 @@ void Server::accept() {
         return;
     }
     const std::string peer = describe(peerAddress);
-    if (m_sessions.size() >= static_cast<std::size_t>(m_options.maxConnections)) {
-        logLine("connection from " + peer + " closed: " + std::to_string(m_options.maxConnections) +
-                " connections are being served already");
-        return;
-    }
     const int on = 1;
     ::setsockopt(socket.fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     Socket shutdownHandle(::fcntl(socket.fd(), F_DUPFD_CLOEXEC, 0));
@@ -195,9 +250,21 @@ void Server::serve(Session& session, Socket socket, std::string peer) {
         } else {
             channel = std::make_unique<PlainChannel>(std::move(socket));
         }
+        // Once a frame has begun, the connection is busy unless it was already taken to make
+        // room; then the frame is dropped with the connection, as if it had come a moment later.
+        bool closing = false;
+        const std::function<void()> frameBegun = [&session, &closing] {
+            std::int64_t seen = session.idleSince.load();
+            while (seen != Session::closing &&
+                   !session.idleSince.compare_exchange_weak(seen, Session::busy)) {
+            }
+            closing = seen == Session::closing;
+        };
         for (;;) {
-            auto request = readFrame(*channel, m_options.maxFrameBytes, m_options.idleTimeoutMs);
-            if (!request) {
+            session.idleSince.store(ticksNow());
+            auto request =
+                readFrame(*channel, m_options.maxFrameBytes, m_options.idleTimeoutMs, frameBegun);
+            if (!request || closing) {
                 break;
             }
             std::vector<unsigned char> reply = m_runtime.handle(*request);
@@ -220,6 +287,7 @@ void Server::serve(Session& session, Socket socket, std::string peer) {
         session.finished = true;
     }
     m_finishedChanged.notify_all();
+    ::eventfd_write(m_sessionEnded.fd(), 1);
 }
 
 void Server::reapFinished() {

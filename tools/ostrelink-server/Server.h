@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -17,7 +18,8 @@ namespace Ostrelink::Network::Server {
 
 // Accepts connections and serves each on a thread of its own: read a frame, run it through the
 // hosted runtime on that same thread, write the reply frame, until the peer leaves, stalls past
-// the idle time-out or breaks the framing.
+// the idle time-out or breaks the framing. At capacity, a new client waits in the listen queue;
+// to admit it, the connection idle between frames the longest is closed.
 class Server {
 public:
     // Builds the TLS context if asked for and starts listening; throws std::runtime_error.
@@ -42,11 +44,21 @@ private:
         // thread may close its own at any moment, and that number could be reused at once.
         Socket shutdownHandle;
         std::string peer;
+        // Since when (steady clock ticks) the connection has been waiting for a frame, or busy
+        // (handshake, a frame begun, a command, a reply) or closing to make room. The session
+        // and the accepting thread change it only by compare-and-swap, so a frame whose first
+        // byte came in is never taken for idle.
+        static constexpr std::int64_t busy = -1;
+        static constexpr std::int64_t closing = -2;
+        std::atomic<std::int64_t> idleSince{busy};
         std::atomic<bool> finished{false};
     };
 
     void accept();
     void serve(Session& session, Socket socket, std::string peer);
+    // At capacity with a client in the listen queue: closes the connection idle the longest,
+    // unless such a close is still under way.
+    void makeRoom();
     void reapFinished();
     void stopSessions();
     bool drain();
@@ -57,9 +69,11 @@ private:
     Socket m_listener;
     unsigned short m_port = 0;
 
-    // Touched only by the accepting thread; a session thread only sets its own finished flag,
-    // under m_finishedMutex, and wakes a drain waiting on m_finishedChanged.
+    // Touched only by the accepting thread; a session thread only sets its own idleSince and
+    // finished flag, the latter under m_finishedMutex, wakes a drain waiting on
+    // m_finishedChanged and the accepting loop through m_sessionEnded (an eventfd).
     std::list<Session> m_sessions;
+    Socket m_sessionEnded;
     std::mutex m_finishedMutex;
     std::condition_variable m_finishedChanged;
 };

@@ -46,12 +46,15 @@ Options:
   --tls-key FILE          PEM private key of --tls-cert.
   --tls-client-ca FILE    Require every client to present a certificate issued by a CA in this
                           PEM file (mutual TLS).
-  --max-connections N     Connections served at once (1-100000); further ones are closed at
-                          once. Default: 64
+  --max-connections N     Connections served at once (1-100000). Past it, a new client waits
+                          in the listen queue, and the connection idle between frames the
+                          longest is closed to admit it; with none idle, it waits until one
+                          is, or until a connection ends. Default: 64
   --max-frame-bytes N     Largest frame accepted or sent (1-2147483647). A larger request closes
                           that connection. Default: 67108864 (64 MiB)
-  --idle-timeout-ms N     How long a connection may stay silent, and how long a TLS handshake or
-                          a stalled frame may take, before it is closed (1-2147483647).
+  --idle-timeout-ms N     How long a connection may stay silent between frames, and how long a
+                          whole TLS handshake, the whole rest of a frame after its first byte,
+                          or a whole reply may take, before it is closed (1-2147483647).
                           Default: 120000
   --drain-timeout-ms N    On SIGINT or SIGTERM, how long the commands in progress may take to
                           finish and send their replies (0-2147483647). Default: 30000
