@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,8 +34,9 @@ using Ostrelink::Native::Interfaces::ITransmitter;
 namespace {
 
 ITransmitter* transmitter = nullptr;
-// The first message to a host and port decides TCP or TLS for good; this mirrors that choice.
-std::map<std::string, std::string> kindOfKey;
+// The channels of each host and port so far. A message marked TLS rides the address's TLS
+// channel, made at need; a TCP one its plain channel, or the TLS one when there is only that.
+std::map<std::string, std::set<std::string>> kindsOfKey;
 
 constexpr unsigned char jvmRuntime = 2;
 
@@ -59,10 +61,11 @@ std::string expectedKey(const unsigned char* header) {
 
 // Notes the channel that a network message makes or finds; returns its kind.
 std::string noteChannel(const std::vector<unsigned char>& message) {
-    return kindOfKey
-        .emplace(expectedKey(message.data()),
-                 message[CommandHeader::connectionType] == 2 ? "tls" : "tcp")
-        .first->second;
+    std::set<std::string>& kinds = kindsOfKey[expectedKey(message.data())];
+    const bool onlyTls = kinds.count("tcp") == 0 && kinds.count("tls") != 0;
+    const std::string kind = message[CommandHeader::connectionType] == 2 || onlyTls ? "tls" : "tcp";
+    kinds.insert(kind);
+    return kind;
 }
 
 // A network reply is the message, then "<kind> <key>" from the recording client.

@@ -27,13 +27,15 @@ constexpr int shortestMessage = CommandHeader::size;
 std::atomic<std::uint64_t> transmittersMade{0};
 
 // The route of a message: the in-memory channel, or a network channel by address and port
-// (address << 16 | port). An installed channel has no route that a message could name.
+// (address << 16 | port), with tlsRoute added for a message marked TLS. An installed channel has
+// no route that a message could name.
 constexpr std::uint64_t inMemoryRoute = ~std::uint64_t{0};
 constexpr std::uint64_t installedRoute = ~std::uint64_t{0} - 1;
+constexpr std::uint64_t tlsRoute = std::uint64_t{1} << 48;
 
 std::uint64_t routeOf(const unsigned char* message) {
-    if (message[CommandHeader::connectionType] ==
-        static_cast<unsigned char>(ConnectionType::InMemory)) {
+    const unsigned char type = message[CommandHeader::connectionType];
+    if (type == static_cast<unsigned char>(ConnectionType::InMemory)) {
         return inMemoryRoute;
     }
     std::uint64_t address = 0;
@@ -42,7 +44,8 @@ std::uint64_t routeOf(const unsigned char* message) {
     }
     const auto port = static_cast<unsigned short>(message[CommandHeader::hostPort] |
                                                   (message[CommandHeader::hostPort + 1] << 8));
-    return address << 16 | port;
+    return (address << 16 | port) +
+           (type == static_cast<unsigned char>(ConnectionType::Tls) ? tlsRoute : 0);
 }
 
 // The calling thread's own entry of the transmitter it used last, mirrored in its record: only
@@ -196,17 +199,21 @@ std::shared_ptr<ITransport> NativeTransmitter::inMemoryChannelLocked() {
 
 std::shared_ptr<ITransport> NativeTransmitter::networkChannelLocked(std::uint64_t route,
                                                                     const unsigned char* message) {
-    // One route is one channel whatever the type of the message that finds it: the first message
-    // to a host and port decides between TCP and TLS for good.
+    // A message marked TLS never goes out in the clear: it has a TLS channel of its own for its
+    // address, beside a plain one that a TCP message made. A TCP message takes the address's plain
+    // channel, or its TLS channel when only that one exists. Either way a route always finds the
+    // same channel once it has one.
     auto found = m_networkChannels.find(route);
+    if (found == m_networkChannels.end() && (route & tlsRoute) == 0) {
+        found = m_networkChannels.find(route | tlsRoute);
+    }
     if (found == m_networkChannels.end()) {
         std::ostringstream host;
         for (int octet = 0; octet < 4; ++octet) {
             host << (octet != 0 ? "." : "")
                  << static_cast<unsigned>(message[CommandHeader::hostAddress + octet]);
         }
-        const bool useTls = message[CommandHeader::connectionType] ==
-                            static_cast<unsigned char>(ConnectionType::Tls);
+        const bool useTls = (route & tlsRoute) != 0;
         const auto port = static_cast<unsigned short>(route & 0xFFFF);
         found = m_networkChannels
                     .emplace(route, std::make_shared<TransportNetwork>(host.str(), port, useTls))

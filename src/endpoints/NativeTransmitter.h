@@ -86,7 +86,8 @@ private:
     // Declared so that destruction releases m_threadChannels and m_transportChannel first, then
     // m_networkChannels, then m_inMemoryChannel.
     std::shared_ptr<Transport::TransportInMemory> m_inMemoryChannel;
-    // Keyed by address and port (address << 16 | port): finding a channel builds no text.
+    // Keyed by address and port (address << 16 | port), and for a TLS channel bit 48 set too:
+    // finding a channel builds no text. An address may have a plain and a TLS channel.
     std::map<std::uint64_t, std::shared_ptr<Interfaces::ITransport>> m_networkChannels;
     std::shared_ptr<Interfaces::ITransport> m_transportChannel;
     // m_transportChannel's object, for the check without the lock.

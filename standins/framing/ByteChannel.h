@@ -23,9 +23,10 @@ public:
     virtual void writeGathered(const unsigned char* head, std::size_t headSize,
                                const unsigned char* data, std::size_t size, int timeoutMs) = 0;
     virtual const Socket& socket() const = 0;
-    // Whether bytes were read from the socket that no read has taken yet: a connection that
-    // holds some is out of step with its peer.
-    virtual bool holdsUnreadBytes() const { return false; }
+    // Whether the connection is unfit for a new request: the peer closed it, or bytes came that
+    // no read has taken, in our buffers or the kernel's, and they would pass for the start of the
+    // next reply. With nothing buffered it costs one poll that does not wait.
+    virtual bool pendingInputOrClosed() = 0;
 };
 
 // A plain TCP stream. Writes never raise SIGPIPE. The socket blocks, with the time-out set on
@@ -40,7 +41,7 @@ public:
     void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
                        std::size_t size, int timeoutMs) override;
     const Socket& socket() const override { return m_socket; }
-    bool holdsUnreadBytes() const override { return m_begin < m_end; }
+    bool pendingInputOrClosed() override { return m_begin < m_end || !m_socket.idleAndOpen(); }
 
 private:
     std::size_t receive(unsigned char* buffer, std::size_t size, int timeoutMs);

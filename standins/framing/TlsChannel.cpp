@@ -1,5 +1,6 @@
 #include "TlsChannel.h"
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
 #include <sys/socket.h>
@@ -268,6 +269,38 @@ void TlsChannel::writeGathered(const unsigned char* head, std::size_t headSize,
     if (m_gathered.capacity() > std::size_t{64} * 1024) {
         std::vector<unsigned char>().swap(m_gathered);
     }
+}
+
+bool TlsChannel::pendingInputOrClosed() {
+    if (SSL_has_pending(m_ssl.get()) == 1) {
+        return true;
+    }
+    if (m_link.socket.idleAndOpen()) {
+        return false;
+    }
+    // The kernel holds bytes. A TLS 1.3 server may send records without data after a reply (a
+    // session ticket, a key update), and those are no reason to drop the connection: let OpenSSL
+    // take what has come, without waiting, and look at what is left. Data, a close, an error or
+    // part of a record make the connection unfit.
+    const int fd = m_link.socket.fd();
+    const int flags = ::fcntl(fd, F_GETFL);
+    const bool blocking = flags >= 0 && (flags & O_NONBLOCK) == 0;
+    if (flags < 0 || (blocking && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0)) {
+        return true;
+    }
+    ERR_clear_error();
+    // A fresh bound for the BIO: one left over from the last call may have run out, and the BIO
+    // would then not read at all. The socket is non-blocking here, so nothing waits for it.
+    m_link.start(1000);
+    unsigned char byte = 0;
+    std::size_t got = 0;
+    const int result = SSL_peek_ex(m_ssl.get(), &byte, 1, &got);
+    const bool nothingLeft = result != 1 &&
+                             SSL_get_error(m_ssl.get(), result) == SSL_ERROR_WANT_READ &&
+                             SSL_has_pending(m_ssl.get()) == 0;
+    ERR_clear_error();
+    const bool restored = !blocking || ::fcntl(fd, F_SETFL, flags) == 0;
+    return !(nothingLeft && restored);
 }
 
 }  // namespace Ostrelink::Network

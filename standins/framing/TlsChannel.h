@@ -54,7 +54,8 @@ public:
     void writeGathered(const unsigned char* head, std::size_t headSize, const unsigned char* data,
                        std::size_t size, int timeoutMs) override;
     const Socket& socket() const override { return m_link.socket; }
-    bool holdsUnreadBytes() const override { return SSL_has_pending(m_ssl.get()) == 1; }
+    // Records that carry no data (a TLS 1.3 session ticket or key update) are taken, not counted.
+    bool pendingInputOrClosed() override;
 
 private:
     // What the BIO works on: the socket, and the bound of the OpenSSL call in progress, whose

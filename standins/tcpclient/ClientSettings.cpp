@@ -42,6 +42,7 @@ ClientSettings ClientSettings::fromEnvironment() {
         positiveNumber("OSTRELINK_NET_READ_TIMEOUT_MS", settings.readTimeoutMs);
     settings.maxFrameBytes = static_cast<std::uint32_t>(
         positiveNumber("OSTRELINK_NET_MAX_FRAME_BYTES", static_cast<int>(settings.maxFrameBytes)));
+    settings.poolIdleMs = positiveNumber("OSTRELINK_NET_POOL_IDLE_MS", settings.poolIdleMs);
     settings.caFile = variable("OSTRELINK_TLS_CA_FILE");
     settings.certFile = variable("OSTRELINK_TLS_CERT_FILE");
     settings.keyFile = variable("OSTRELINK_TLS_KEY_FILE");

@@ -10,6 +10,7 @@ struct ClientSettings {
     int connectTimeoutMs = 5000;
     int readTimeoutMs = 30000;
     std::uint32_t maxFrameBytes = 64u * 1024u * 1024u;
+    int poolIdleMs = 5000;
     std::string caFile;
     std::string certFile;
     std::string keyFile;

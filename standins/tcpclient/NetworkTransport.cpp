@@ -16,11 +16,6 @@ namespace {
 // which are closed after use.
 constexpr std::size_t maxIdleConnections = 32;
 
-// An idle connection is checked for a close by the server (one poll) only after this long;
-// one used more recently goes straight to the write, and a close found after the request went
-// out fails that command rather than sending it twice.
-constexpr std::chrono::milliseconds staleCheckAfter{50};
-
 // A server that refuses a connection, for instance a TLS server that wants a client
 // certificate, says why before it closes; a send that failed since can still read that.
 std::string closingReason(ByteChannel& connection) {
@@ -60,16 +55,24 @@ int NetworkTransport::Initialize(unsigned char, unsigned char, unsigned char) {
 
 std::unique_ptr<ByteChannel> NetworkTransport::takeConnection(bool& reused) {
     reused = true;
-    const auto now = std::chrono::steady_clock::now();
-    {
-        std::lock_guard<std::mutex> lock(m_idleMutex);
-        while (!m_idle.empty()) {
-            IdleConnection idle = std::move(m_idle.back());
-            m_idle.pop_back();
-            // The server closes idle connections after its own time-out.
-            if (now - idle.since < staleCheckAfter || idle.channel->socket().idleAndOpen()) {
-                return std::move(idle.channel);
+    for (;;) {
+        std::vector<IdleConnection> expired;
+        std::unique_ptr<ByteChannel> candidate;
+        {
+            std::lock_guard<std::mutex> lock(m_idleMutex);
+            expired = expiredLocked(std::chrono::steady_clock::now());
+            if (m_idle.empty()) {
+                break;
             }
+            candidate = std::move(m_idle.back().channel);
+            m_idle.pop_back();
+        }
+        // Every time, however short the pause: a server that closed the connection since, or a
+        // late frame that came after the reply, must be found before the command is written.
+        // A frame would pass for this command's reply; a close would fail a command that the
+        // server never saw.
+        if (!candidate->pendingInputOrClosed()) {
+            return candidate;
         }
     }
     reused = false;
@@ -85,14 +88,25 @@ std::unique_ptr<ByteChannel> NetworkTransport::openConnection() {
 }
 
 void NetworkTransport::keepConnection(std::unique_ptr<ByteChannel> connection) {
-    // Bytes after the reply would pass for the start of the next one.
-    if (connection->holdsUnreadBytes()) {
-        return;
-    }
+    std::vector<IdleConnection> expired;
+    const auto now = std::chrono::steady_clock::now();
     std::lock_guard<std::mutex> lock(m_idleMutex);
+    expired = expiredLocked(now);
     if (m_idle.size() < maxIdleConnections) {
-        m_idle.push_back({std::move(connection), std::chrono::steady_clock::now()});
+        m_idle.push_back({std::move(connection), now});
     }
+}
+
+std::vector<NetworkTransport::IdleConnection> NetworkTransport::expiredLocked(
+    std::chrono::steady_clock::time_point now) {
+    const auto limit = std::chrono::milliseconds(m_settings.poolIdleMs);
+    const auto young = std::find_if(m_idle.begin(), m_idle.end(), [&](const IdleConnection& idle) {
+        return now - idle.since <= limit;
+    });
+    std::vector<IdleConnection> expired(std::make_move_iterator(m_idle.begin()),
+                                        std::make_move_iterator(young));
+    m_idle.erase(m_idle.begin(), young);
+    return expired;
 }
 
 int NetworkTransport::SendCommand(unsigned char* message, int length) {
@@ -106,10 +120,7 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
                       std::to_string(limit) + " bytes");
     }
     // A reply this thread never read must not pass for the answer to a command that fails.
-    {
-        std::lock_guard<std::mutex> lock(m_repliesMutex);
-        m_replies.erase(std::this_thread::get_id());
-    }
+    m_replies.drop();
     bool reused = false;
     std::unique_ptr<ByteChannel> connection = takeConnection(reused);
     try {
@@ -153,8 +164,7 @@ int NetworkTransport::SendCommand(unsigned char* message, int length) {
     }
     keepConnection(std::move(connection));
     const int replyLength = static_cast<int>(reply.size());
-    std::lock_guard<std::mutex> lock(m_repliesMutex);
-    m_replies[std::this_thread::get_id()] = std::move(reply);
+    m_replies.store(std::move(reply));
     return replyLength;
 }
 
@@ -164,16 +174,9 @@ int NetworkTransport::ReadResponse(unsigned char* buffer, int length) {
                       (buffer == nullptr ? "null" : "a buffer"));
     }
     std::vector<unsigned char> reply;
-    {
-        std::lock_guard<std::mutex> lock(m_repliesMutex);
-        const auto stored = m_replies.find(std::this_thread::get_id());
-        if (stored == m_replies.end()) {
-            throw failure(
-                "no reply stored for this thread (SendCommand must come first, on "
-                "the same thread)");
-        }
-        reply = std::move(stored->second);
-        m_replies.erase(stored);
+    if (!m_replies.take(reply)) {
+        throw failure(
+            "no reply stored for this thread (SendCommand must come first, on the same thread)");
     }
     const std::size_t count = std::min(reply.size(), static_cast<std::size_t>(length));
     if (count > 0) {

@@ -6,14 +6,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "ByteChannel.h"
 #include "ClientSettings.h"
 #include "Connector.h"
 #include "NetworkError.h"
+#include "ReplySlots.h"
 
 namespace Ostrelink::Network::Client {
 
@@ -43,10 +42,13 @@ private:
         std::chrono::steady_clock::time_point since;
     };
 
-    // An idle connection (reused true) or a new one.
+    // An idle connection fit for a request (reused true) or a new one.
     std::unique_ptr<ByteChannel> takeConnection(bool& reused);
     std::unique_ptr<ByteChannel> openConnection();
     void keepConnection(std::unique_ptr<ByteChannel> connection);
+    // With m_idleMutex held: moves out the connections idle for longer than the pool keeps them,
+    // to be closed after unlocking.
+    std::vector<IdleConnection> expiredLocked(std::chrono::steady_clock::time_point now);
     NetworkError failure(const std::string& cause) const;
 
     std::string m_host;
@@ -55,10 +57,10 @@ private:
     std::unique_ptr<Connector> m_connector;
 
     std::mutex m_idleMutex;
+    // Oldest first: a command takes the one used last, so those beyond the recent need age out.
     std::vector<IdleConnection> m_idle;
 
-    std::mutex m_repliesMutex;
-    std::unordered_map<std::thread::id, std::vector<unsigned char>> m_replies;
+    ReplySlots m_replies;
 };
 
 }  // namespace Ostrelink::Network::Client

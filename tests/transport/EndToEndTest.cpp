@@ -40,4 +40,30 @@ TEST(EndToEnd, TcpAndTlsToTheServersJvmAndBack) {
     }
 }
 
+// A message marked TLS never goes out in the clear, whatever went to its address before: after a
+// TCP health check to a plain server, the same check marked TLS fails its handshake instead of
+// being answered. A TCP message to a TLS server's address that a TLS message reached first rides
+// that TLS channel.
+TEST(EndToEnd, AMessageMarkedTlsNeverGoesOutInTheClear) {
+    const TestCertificates certificates;
+    setenv("OSTRELINK_TLS_CA_FILE", certificates.caCert.c_str(), 1);
+    auto* sender = transmitterOf();
+    const auto check = [](unsigned char type, unsigned short port) {
+        Bytes message = healthCheckMessage(jvm);
+        message[9] = 8;
+        setRoute(message, type, local, port);
+        return message;
+    };
+    ServerProcess plain({"--port", "0"});
+    EXPECT_EQ(sendAndRead(sender, check(1, plain.port()), jvm), acknowledgeBytes());
+    EXPECT_THAT(
+        failureOf([&] { sendAndRead(sender, check(2, plain.port()), jvm); }),
+        testing::StartsWith("Ostrelink TLS client 127.0.0.1:" + std::to_string(plain.port()) +
+                            ": cannot connect: TLS handshake failed"));
+    ServerProcess tls({"--port", "0", "--tls-cert", certificates.serverCert, "--tls-key",
+                       certificates.serverKey});
+    EXPECT_EQ(sendAndRead(sender, check(2, tls.port()), jvm), acknowledgeBytes());
+    EXPECT_EQ(sendAndRead(sender, check(1, tls.port()), jvm), acknowledgeBytes());
+}
+
 }  // namespace

@@ -43,8 +43,9 @@ Bytes served(Bytes message, const std::string& channel) {
 }
 
 // The first message to an address and port makes the channel of that key: its connection type
-// picks TCP or TLS, and its runtimes and version go to the client's Initialize, once. Later
-// messages to the key use that channel whatever their type.
+// picks TCP or TLS, and its runtimes and version go to the client's Initialize, once. A message
+// marked TLS never rides a plain channel: it gets a TLS one of its own beside it. A TCP message
+// takes the plain channel, or the TLS one if the address has only that.
 TEST(Selection, TheFirstMessageToAKeyMakesItsChannel) {
     const struct {
         unsigned char type;
@@ -54,11 +55,12 @@ TEST(Selection, TheFirstMessageToAKeyMakesItsChannel) {
         const char* channel;
     } sends[] = {
         {tcp, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
-        {tls, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
+        {tls, {10, 0, 0, 7}, 8080, cpp, "tls 10.0.0.7:8080"},
         {tls, {127, 0, 0, 1}, 9000, 5, "tls 127.0.0.1:9000"},
         {tcp, {127, 0, 0, 1}, 9000, 3, "tls 127.0.0.1:9000"},
         {tcp, {127, 0, 0, 1}, 9001, cpp, "tcp 127.0.0.1:9001"},
         {tcp, {10, 0, 0, 7}, 8080, cpp, "tcp 10.0.0.7:8080"},
+        {tls, {10, 0, 0, 7}, 8080, cpp, "tls 10.0.0.7:8080"},
     };
     for (const auto& send : sends) {
         Bytes message = routedMessage(send.target, jvm, send.type, "ping", send.address, send.port);
@@ -68,12 +70,14 @@ TEST(Selection, TheFirstMessageToAKeyMakesItsChannel) {
     }
     EXPECT_THAT(events(tcpClient),
                 ElementsAre("create tcp 10.0.0.7:8080", "initialize tcp 10.0.0.7:8080 2,8,0",
-                            "send tcp 10.0.0.7:8080", "send tcp 10.0.0.7:8080",
-                            "create tcp 127.0.0.1:9001", "initialize tcp 127.0.0.1:9001 2,8,0",
-                            "send tcp 127.0.0.1:9001", "send tcp 10.0.0.7:8080"));
+                            "send tcp 10.0.0.7:8080", "create tcp 127.0.0.1:9001",
+                            "initialize tcp 127.0.0.1:9001 2,8,0", "send tcp 127.0.0.1:9001",
+                            "send tcp 10.0.0.7:8080"));
     EXPECT_THAT(events(tlsClient),
-                ElementsAre("create tls 127.0.0.1:9000", "initialize tls 127.0.0.1:9000 2,5,4",
-                            "send tls 127.0.0.1:9000", "send tls 127.0.0.1:9000"));
+                ElementsAre("create tls 10.0.0.7:8080", "initialize tls 10.0.0.7:8080 2,8,0",
+                            "send tls 10.0.0.7:8080", "create tls 127.0.0.1:9000",
+                            "initialize tls 127.0.0.1:9000 2,5,4", "send tls 127.0.0.1:9000",
+                            "send tls 127.0.0.1:9000", "send tls 10.0.0.7:8080"));
 }
 
 // Before any selection a read has no channel. Short messages and empty buffers are refused and
