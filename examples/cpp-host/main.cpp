@@ -2,7 +2,6 @@
 // for it), and prints both results. docs/host-api.md says what each call does.
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -22,12 +21,16 @@ std::string send(Interfaces::IReceiver* jvm, unsigned char operation, const std:
     message[Header::callingRuntime] = 8;
     message[Header::size] = operation;
     message.insert(message.end(), text.begin(), text.end());
-    std::vector<unsigned char> reply(jvm->SendCommand(message.data(), int(message.size())));
-    jvm->ReadResponse(reply.data(), int(reply.size()));
+    const int length = jvm->SendCommand(message.data(), int(message.size()));
+    std::vector<unsigned char> reply(static_cast<std::size_t>(length));
+    jvm->ReadResponse(reply.data(), length);
+    const auto payload = reply.size() > Header::payloadTextOffset
+                             ? reply.begin() + Header::payloadTextOffset
+                             : reply.end();
     if (reply.size() > Header::commandType && reply[Header::commandType] == 10) {
-        throw std::runtime_error("Java: " + std::string(reply.begin() + 24, reply.end()));
+        throw std::runtime_error("Java: " + std::string(payload, reply.end()));
     }
-    return std::string(reply.begin() + std::min<std::size_t>(reply.size(), 24), reply.end());
+    return std::string(payload, reply.end());
 }
 
 int main() {
