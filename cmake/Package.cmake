@@ -21,6 +21,17 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/package/OstrelinkRuntimeCon
 install(FILES ${CMAKE_BINARY_DIR}/package/OstrelinkRuntimeConfig.cmake
     ${CMAKE_BINARY_DIR}/package/OstrelinkRuntimeConfigVersion.cmake DESTINATION ${package_dir})
 
+# Relative to the file, so that a moved tree still works; pkg-config --define-prefix gives the
+# same paths without the "/../" (it sets prefix from where it found the file).
+set(OSTRELINK_PC_PREFIX "\${pcfiledir}/../..")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/ostrelink-contract.pc.in
     ${CMAKE_BINARY_DIR}/package/ostrelink-contract.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/package/ostrelink-contract.pc DESTINATION lib/pkgconfig)
+
+# What a user reads at run time: the doctor points at docs/errors.md of the installation.
+install(FILES ${PROJECT_SOURCE_DIR}/docs/errors.md ${PROJECT_SOURCE_DIR}/docs/host-api.md
+    ${PROJECT_SOURCE_DIR}/docs/main-job.md ${PROJECT_SOURCE_DIR}/docs/protocol.md DESTINATION docs)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/ostrelink-server/README.md DESTINATION docs
+    RENAME ostrelink-server.md)
+
+include(${CMAKE_CURRENT_LIST_DIR}/Debian.cmake)

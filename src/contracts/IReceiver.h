@@ -7,6 +7,8 @@ namespace Ostrelink::Native::Interfaces {
 // The inbound endpoint of a runtime library, handed out by its exported CreateReceiver.
 // The order of the virtual operations is a binary contract between separately built libraries:
 // never reorder, insert or remove one.
+// What each operation returns, which thread may read which reply and what the
+// library needs from its host: docs/host-api.md of the installation.
 class IReceiver {
 public:
     virtual ~IReceiver() = default;

@@ -9,6 +9,8 @@ namespace Ostrelink::Native::Interfaces {
 // The outbound endpoint of a runtime library, handed out by its exported CreateTransmitter.
 // The order of the virtual operations is a binary contract between separately built libraries:
 // never reorder, insert or remove one.
+// What each operation returns and which thread reads which reply: docs/host-api.md
+// of the installation.
 class ITransmitter {
 public:
     virtual ~ITransmitter() = default;

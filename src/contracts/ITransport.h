@@ -7,6 +7,8 @@ namespace Ostrelink::Native::Interfaces {
 // One channel to another runtime: in memory, or a network client library's connection.
 // The order of the virtual operations is a binary contract between separately built libraries:
 // never reorder, insert or remove one.
+// A transmitter drives its channels as docs/host-api.md of the installation says of
+// ITransmitter: send, then read the reply on the same thread.
 class ITransport {
 public:
     virtual ~ITransport() = default;

@@ -422,6 +422,7 @@ void Doctor::say(const std::string& line) {
 }
 
 int Doctor::run(const std::string& libraryPath) {
+    say("ostrelink-host " OSTRELINK_VERSION);
     try {
         check(libraryPath);
         say("all checks passed");

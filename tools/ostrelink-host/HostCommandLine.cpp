@@ -147,6 +147,7 @@ Options:
   --library PATH            The runtime library to open, instead of
                             ../Binaries/Native/<system>/<architecture>/ beside this program.
   -h, --help                This text.
+  -V, --version             Print the version (first argument only).
 
 Environment:
   JAVA_HOME                 Root directory of the JDK or JRE to run. When neither it nor

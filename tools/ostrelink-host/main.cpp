@@ -16,6 +16,7 @@
 #include "HostCommandLine.h"
 #include "HostSession.h"
 #include "RuntimeLibrary.h"
+#include "ToolVersion.h"
 
 namespace {
 
@@ -79,6 +80,9 @@ int keepStandardOutputForResults() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (ToolVersion::printIfAsked("ostrelink-host", argc, argv)) {
+        return 0;
+    }
     HostCommandLine line;
     try {
         line = HostCommandLine::parse(std::vector<std::string>(argv + 1, argv + argc));

@@ -59,6 +59,7 @@ Options:
   --drain-timeout-ms N    On SIGINT or SIGTERM, how long the commands in progress may take to
                           finish and send their replies (0-2147483647). Default: 30000
   --help                  Show this text.
+  -V, --version           Print the version (first argument only).
 
 SIGINT or SIGTERM stops the server: it closes the listening socket at once (new clients are
 refused), closes idle connections, lets every command in progress finish and send its reply,

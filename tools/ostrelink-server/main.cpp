@@ -13,6 +13,7 @@
 #include "Server.h"
 #include "ServerOptions.h"
 #include "Socket.h"
+#include "ToolVersion.h"
 
 using Ostrelink::Network::Socket;
 using Ostrelink::Network::Server::HostedRuntime;
@@ -42,6 +43,9 @@ int fail(const std::string& text, int code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (ToolVersion::printIfAsked("ostrelink-server", argc, argv)) {
+        return 0;
+    }
     ServerOptions options;
     try {
         options = ServerOptions::parse(argc, argv);

@@ -75,6 +75,7 @@ Options:
   --error-log DIR    Directory of the library's error log. Default: none, so that the expected
                      failures skip the 50 ms pause that writing a record costs each of them.
   --help             Show this text.
+  -V, --version      Print the version (first argument only).
 
 Exit status: 0 when every reply was right and memory stayed flat, 1 otherwise, 2 on bad usage.
 )";

@@ -23,6 +23,7 @@
 #include "ServerChild.h"
 #include "StressOptions.h"
 #include "StressWorkload.h"
+#include "ToolVersion.h"
 
 using namespace Ostrelink::Tools::Stress;
 using Ostrelink::Native::Definitions::Runtime;
@@ -231,6 +232,9 @@ int run(const StressOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (ToolVersion::printIfAsked("ostrelink-stress", argc, argv)) {
+        return 0;
+    }
     StressOptions options;
     try {
         options = StressOptions::parse(argc, argv);
