@@ -132,11 +132,11 @@ TEST_F(HostilePeer, ACertificateForAnotherAddressFailsVerificationWithAClearText
 // the handshake is bounded as a whole, so the command fails within that time-out, not never.
 TEST_F(HostilePeer, AHandshakeDrippedByteByByteFailsWithinTheConnectTimeOut) {
     ::setenv("OSTRELINK_NET_CONNECT_TIMEOUT_MS", "300", 1);
-    TestPeer peer([&peer](int fd, int) {
+    TestPeer peer([&peer](PeerLink& link, int) {
         const Bytes record{0x16, 3, 3, 2, 0};  // a handshake record of 512 bytes, never finished
         for (std::size_t index = 0; index < 75 && !peer.stopping(); ++index) {
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            writeRaw(fd, {index < record.size() ? record[index] : std::uint8_t{0}});
+            writeRaw(link.fd(), {index < record.size() ? record[index] : std::uint8_t{0}});
         }
     });
     const auto start = std::chrono::steady_clock::now();
