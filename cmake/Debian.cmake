@@ -73,6 +73,10 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # 17 as well. libssl3, libc6 and libstdc++6 come from dpkg-shlibdeps.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "openjdk-17-jre-headless | java17-runtime-headless")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# CPack asks dpkg for the architecture, which is the build machine's; a cross build names its own.
+if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${deb_source}/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
