@@ -29,8 +29,10 @@ std::atomic<std::uint64_t> objectsMade{0};
 using Table = std::vector<std::shared_ptr<ReplySlots::Slot>>;
 
 // A plain pointer, constant-initialised: a command sent from a thread_local's destructor while the
-// thread ends finds either the live table or none, never a destroyed one.
-thread_local Table* threadTable = nullptr;
+// thread ends finds either the live table or none, never a destroyed one. Initial-exec: one load,
+// and no call of __tls_get_addr, whose interception by the ThreadSanitizer of clang 14 misreads
+// glibc 2.36's thread vector and fails the process ("ThreadSanitizer failed to allocate").
+thread_local Table* threadTable __attribute__((tls_model("initial-exec"))) = nullptr;
 
 void freeTable(void* table) {
     threadTable = nullptr;
