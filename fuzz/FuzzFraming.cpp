@@ -59,6 +59,7 @@ public:
     }
 
     const Socket& socket() const override { return m_socket; }
+    bool pendingInputOrClosed() override { return m_position < m_size; }
 
     std::size_t consumed() const { return m_position; }
     const std::vector<unsigned char>& written() const { return m_written; }
