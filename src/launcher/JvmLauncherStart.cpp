@@ -2,9 +2,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -182,13 +180,7 @@ void JvmLauncher::CheckBeforeCreatingJvm() {
         RaiseLauncherException(Failure::UnclosedQuote, text);
     }
     using Ostrelink::Native::Launcher::findReservedJvmOption;
-    const auto readFile = [](const std::string& path) -> std::optional<std::string> {
-        std::ifstream file(path, std::ios::binary);
-        if (!file) {
-            return std::nullopt;
-        }
-        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    };
+    const auto readFile = Ostrelink::Native::Launcher::readJvmOptionsFile;
     if (const auto reserved = findReservedJvmOption(*options, {true, m_debugMode}, readFile)) {
         RaiseLauncherException(Failure::ReservedJvmOption, *reserved);
     }
