@@ -138,10 +138,12 @@ private:
     JNIEnv* m_JvmEnv = nullptr;
     JavaVM* m_jvm = nullptr;
     JavaVMInitArgs m_jvmInitArgs{};
-    // Set in a child process forked after this library's JVM came up: the JVM does not survive
-    // fork, so Java commands fail there at once (065) instead of hanging, and the runtime info
-    // leaves Java out. Process-wide, as the JVM is.
+    // Set in a child process forked after this library began to start or adopt a JVM: it does not
+    // survive fork, so Java commands fail there at once (065) instead of hanging, and the runtime
+    // info leaves Java out. Process-wide, as the JVM is.
     static std::atomic<bool> jvmLeftInParent;
+    // Sets jvmLeftInParent in every child forked from now on.
+    static void WatchForks();
     // Names this launcher's replies in the threads' stores; never reused, unlike an address.
     const std::uint64_t m_id;
 };

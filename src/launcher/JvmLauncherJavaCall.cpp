@@ -36,17 +36,19 @@ void JvmLauncher::StartJvmOnce() {
     if (!m_jvmInitialized.load()) {
         InitializeJvm();
         m_jvmInitialized.store(true);
-        // In a forked child only the forking thread runs: the JVM is memory without its threads,
-        // and a call into it may wait for ever. Registered once per loaded library; the handler
-        // goes with the library when it is unloaded.
-        static std::once_flag watchForks;
-        if (m_jvm != nullptr) {
-            std::call_once(watchForks, [] {
-                pthread_atfork(nullptr, nullptr,
-                               [] { jvmLeftInParent.store(true, std::memory_order_relaxed); });
-            });
-        }
     }
+}
+
+// In a forked child only the forking thread runs: the JVM is memory without its threads, and a
+// call into it may wait for ever. Watched from before a start, as a fork in the middle of one
+// leaves the child with the start's lock held and its JVM half made. Registered once per loaded
+// library; the handler goes with the library when it is unloaded.
+void JvmLauncher::WatchForks() {
+    static std::once_flag watchForks;
+    std::call_once(watchForks, [] {
+        pthread_atfork(nullptr, nullptr,
+                       [] { jvmLeftInParent.store(true, std::memory_order_relaxed); });
+    });
 }
 
 // A thread the JVM has never seen is attached for this command only, by its ThreadJniEnv; or,

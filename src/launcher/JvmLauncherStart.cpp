@@ -2,9 +2,7 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -100,6 +98,7 @@ int JvmLauncher::InitializeJvm() {
         std::vector<JavaVM*> created(static_cast<std::size_t>(m_createdJvmCount), nullptr);
         m_getCreatedJavaVMs(created.data(), static_cast<jsize>(created.size()), &m_createdJvmCount);
         m_jvm = created[0];
+        WatchForks();
         // Often a thread of another runtime that calls back into the JVM it lives in, and stays
         // attached: as a daemon, so that the Java program can still exit, and until it ends, so
         // that a library loaded and unloaded again and again leaves no thread behind. A thread
@@ -146,6 +145,7 @@ int JvmLauncher::InitializeJvm() {
         // process, or a host thread with a small stack, is a poor place to create a JVM. A
         // failure raised there is carried back and rethrown here, the same exception object. A
         // JVM that gives up keeps the thread, and this one goes on without it.
+        WatchForks();
         std::exception_ptr launchFailure;
         const bool returned = JvmStartHooks::launch([this, &launchFailure] {
             try {
@@ -182,13 +182,7 @@ void JvmLauncher::CheckBeforeCreatingJvm() {
         RaiseLauncherException(Failure::UnclosedQuote, text);
     }
     using Ostrelink::Native::Launcher::findReservedJvmOption;
-    const auto readFile = [](const std::string& path) -> std::optional<std::string> {
-        std::ifstream file(path, std::ios::binary);
-        if (!file) {
-            return std::nullopt;
-        }
-        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    };
+    const auto readFile = Ostrelink::Native::Launcher::readJvmOptionsFile;
     if (const auto reserved = findReservedJvmOption(*options, {true, m_debugMode}, readFile)) {
         RaiseLauncherException(Failure::ReservedJvmOption, *reserved);
     }

@@ -1,8 +1,10 @@
 #include "launcher/JvmStartChecks.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,16 +51,16 @@ bool isDebuggerOption(const std::string& option) {
     return file == "jdwp" || file == OSTRELINK_LIBRARY_FILE("jdwp");
 }
 
-class ScopedSocket {
+class ScopedDescriptor {
 public:
-    explicit ScopedSocket(int descriptor) : m_descriptor(descriptor) {}
-    ~ScopedSocket() {
+    explicit ScopedDescriptor(int descriptor) : m_descriptor(descriptor) {}
+    ~ScopedDescriptor() {
         if (m_descriptor >= 0) {
             close(m_descriptor);
         }
     }
-    ScopedSocket(const ScopedSocket&) = delete;
-    ScopedSocket& operator=(const ScopedSocket&) = delete;
+    ScopedDescriptor(const ScopedDescriptor&) = delete;
+    ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
     int get() const { return m_descriptor; }
 
 private:
@@ -93,6 +95,32 @@ std::optional<std::vector<std::string>> splitJvmOptions(const std::string& text)
         }
         options.push_back(std::move(option));
     }
+}
+
+std::optional<std::string> readJvmOptionsFile(const std::string& path) {
+    // Not blocking: a FIFO without a writer would hold the open up.
+    const ScopedDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+        return std::nullopt;
+    }
+    std::string text(static_cast<std::size_t>(std::max<off_t>(status.st_size, 0)), '\0');
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t got = read(file.get(), &text[done], text.size() - done);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return std::nullopt;
+        }
+        if (got == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(got);
+    }
+    text.resize(done);
+    return text;
 }
 
 std::optional<std::string> findReservedJvmOption(const std::vector<std::string>& options,
@@ -170,7 +198,7 @@ std::vector<std::string> optionsBlamedBy(const std::string& jvmMessage,
 }
 
 int loopbackPortBindError(unsigned short port) {
-    const ScopedSocket probe(socket(AF_INET, SOCK_STREAM, 0));
+    const ScopedDescriptor probe(socket(AF_INET, SOCK_STREAM, 0));
     if (probe.get() < 0) {
         return errno;
     }

@@ -25,6 +25,11 @@ struct ReservedOptions {
 // The text of the options file at path; nullopt when it can't be read.
 using OptionsFileReader = std::function<std::optional<std::string>(const std::string& path)>;
 
+// Reads an options file the way the JVM does: as many bytes as its size says, so that a file
+// without one (/dev/zero, a FIFO, a /proc file) counts as empty instead of being read for ever.
+// nullopt when it can't be opened or read.
+std::optional<std::string> readJvmOptionsFile(const std::string& path);
+
 // The first of options that is reserved, or that an options file names (-XX:VMOptionsFile=F,
 // read with readFile and split as the JVM splits it) holds: as written, followed by " (in F)"
 // when it comes from F. nullopt when there is none, and for a file that can't be read or split,

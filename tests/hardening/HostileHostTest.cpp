@@ -5,8 +5,10 @@
 
 #include <dlfcn.h>
 #include <elf.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,6 +92,37 @@ void forksAfterTheJvmStarted() {
     require(echoes("after the fork"), 4, "echo in the parent after");
 }
 
+// The fork comes while another thread starts the JVM: the start is held in its prints, on
+// standard output turned into a small pipe that nobody reads yet.
+void forksInTheMiddleOfTheStart() {
+    setenv("OSTRELINK_JVM_OPTIONS", "-XX:+PrintFlagsFinal", 1);
+    // Standard output stays locked by the held print, in the child too.
+    std::cerr.tie(nullptr);
+    int output[2];
+    require(pipe(output) == 0 && dup2(output[1], STDOUT_FILENO) >= 0, 2, "pipe");
+    // The flags make many times the pipe's size: the start can't end before the pipe is read.
+    require(fcntl(output[0], F_SETPIPE_SZ, 4096) > 0, 2, "pipe size");
+    std::thread starter([] { require(echoes("starts the JVM"), 3, "echo of the start"); });
+    for (int held = 0; held == 0; ioctl(output[0], FIONREAD, &held)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const int status = runForked(
+        [] {
+            require(sendFailure(receiver, javaCommand("in the child"))
+                            .find("JVM Launcher: Exception code 065.") == 0,
+                    6, "065 in the child");
+        },
+        hangLimitMs / 2);
+    require(WIFEXITED(status) && WEXITSTATUS(status) == 0, 4, "the child's checks");
+    std::thread([fd = output[0]] {
+        char buffer[4096];
+        while (read(fd, buffer, sizeof buffer) > 0) {
+        }
+    }).detach();
+    starter.join();
+    require(echoes("after the fork"), 5, "echo in the parent after");
+}
+
 // Each load adopts the JVM that the first one created, on a worker thread that then ends. A
 // library never deletes its receiver: the host keeps them, to its end, so they are no leak.
 auto* const loadedReceivers = new std::vector<IReceiver*>;
@@ -128,6 +161,7 @@ const Scenario scenarios[] = {
     {"SendsFromThreadExitKeptAttached", sendsFromThreadExit, true},
     {"DetachesAKeptThread", hostDetachesAKeptThread, true},
     {"ForksAfterTheJvmStarted", forksAfterTheJvmStarted, false},
+    {"ForksInTheMiddleOfTheStart", forksInTheMiddleOfTheStart, false},
     {"ReloadsTheLibrary", reloadsTheLibrary, false},
     {"DestroysTheJvm", destroysTheJvm, false},
 };

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -10,6 +11,7 @@
 
 using Ostrelink::Native::Launcher::findReservedJvmOption;
 using Ostrelink::Native::Launcher::optionsBlamedBy;
+using Ostrelink::Native::Launcher::readJvmOptionsFile;
 using Ostrelink::Native::Launcher::searchJvm;
 using Ostrelink::Native::Launcher::splitJvmOptions;
 using Options = std::vector<std::string>;
@@ -89,6 +91,22 @@ TEST(JvmStartChecks, SplitAndRefuseOptions) {
         EXPECT_EQ(findReservedJvmOption(options, {classPath, debugger}, readFile).value_or(""),
                   refused)
             << options.back();
+    }
+}
+
+// An options file is read to the size it has, as the JVM reads it: a device that never ends
+// counts as empty, and the check must not read it for ever before the JVM starts.
+TEST(JvmStartChecks, ReadsAnOptionsFileAsTheJvmDoes) {
+    const std::string path = testing::TempDir() + "/options-file";
+    std::ofstream(path) << "-Xmx1g -ea";
+    const std::pair<std::string, std::optional<std::string>> files[] = {
+        {path, "-Xmx1g -ea"},
+        {"/dev/zero", ""},
+        {"/dev/null", ""},
+        {path + ".none", std::nullopt},
+    };
+    for (const auto& [file, text] : files) {
+        EXPECT_EQ(readJvmOptionsFile(file), text) << file;
     }
 }
 

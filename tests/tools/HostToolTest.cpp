@@ -138,6 +138,11 @@ TEST_F(HostTool, CommandsThatRunJava) {
         run({"load", jar, "health", "call", targets, "fail", "x", "echo", "never"}, 1,
             Eq("load: " + jar + "\nhealth: ok\n"),
             HasSubstr("ostrelink-host: java.lang.IllegalStateException: broken on purpose: x\n")),
+        // A start that fails leaves no part of a line.
+        run({"echo", "never"}, 1, Eq(""), HasSubstr("The JVM said: Too small maximum heap"),
+            {{"OSTRELINK_JVM_OPTIONS", "-Xmx1k"}}),
+        run({"info"}, 1, Eq(""), HasSubstr("The JVM said: Too small maximum heap"),
+            {{"OSTRELINK_JVM_OPTIONS", "-Xmx1k"}}),
     });
 }
 

@@ -81,13 +81,18 @@ void HostSession::run(const HostStep& step, std::ostream& out) {
             out << "call: " << result << '\n';
             break;
         }
-        case HostStep::Kind::Echo:
-            out << "echo: " << echo(step.arguments.front()) << '\n';
+        // Each result is had before its line begins: a command that fails leaves no line.
+        case HostStep::Kind::Echo: {
+            const std::string reply = echo(step.arguments.front());
+            out << "echo: " << reply << '\n';
             break;
-        case HostStep::Kind::Info:
+        }
+        case HostStep::Kind::Info: {
+            const std::string info = javaRuntimeInfo();
             // The text ends with a newline of its own.
-            out << "info:\n" << javaRuntimeInfo();
+            out << "info:\n" << info;
             break;
+        }
     }
     out.flush();
 }
