@@ -61,12 +61,43 @@ ThreadRecord& ThreadRecord::make() {
     return *record;
 }
 
+namespace {
+
+// Whether the thread's current attachment is a daemon one, as the library's always is. A host
+// may detach a kept thread and attach it again itself, as an ordinary thread, and use that
+// attachment in its own thread-exit code after this record is gone. Asked only at a thread's
+// end; an answer Java can't give counts as a daemon, the attachment the library made.
+bool attachedAsDaemon(JNIEnv* env) {
+    if (env->ExceptionCheck() == JNI_TRUE) {
+        return true;
+    }
+    jclass threadClass = env->FindClass("java/lang/Thread");
+    jmethodID currentThread =
+        threadClass == nullptr ? nullptr
+                               : env->GetStaticMethodID(threadClass, "currentThread",
+                                                        "()Ljava/lang/Thread;");
+    jmethodID isDaemon =
+        currentThread == nullptr ? nullptr : env->GetMethodID(threadClass, "isDaemon", "()Z");
+    jobject thread =
+        isDaemon == nullptr ? nullptr : env->CallStaticObjectMethod(threadClass, currentThread);
+    const bool daemon =
+        thread == nullptr || env->ExceptionCheck() == JNI_TRUE ||
+        env->CallBooleanMethod(thread, isDaemon) == JNI_TRUE || env->ExceptionCheck() == JNI_TRUE;
+    env->ExceptionClear();
+    env->DeleteLocalRef(thread);
+    env->DeleteLocalRef(threadClass);
+    return daemon;
+}
+
+}  // namespace
+
 // A forked child has none of the parent's JVM threads: detaching there would reach a JVM that
 // can't answer. After DestroyJavaVM, GetEnv says detached and nothing is done.
 ThreadRecord::~ThreadRecord() {
     void* env = nullptr;
     if (keptAttachment != nullptr && keptAttachmentProcess == getpid() &&
-        keptAttachment->GetEnv(&env, JNI_VERSION_1_8) == JNI_OK) {
+        keptAttachment->GetEnv(&env, JNI_VERSION_1_8) == JNI_OK &&
+        attachedAsDaemon(static_cast<JNIEnv*>(env))) {
         keptAttachment->DetachCurrentThread();
     }
 }

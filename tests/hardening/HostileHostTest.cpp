@@ -75,6 +75,26 @@ void hostDetachesAKeptThread() {
     }).join();
 }
 
+// The host detaches a kept thread and attaches it again itself, as an ordinary thread, and uses
+// that attachment in a key destructor that runs after the library's: it must still be there.
+pthread_key_t hostExitKey;
+void hostAttachesAKeptThreadItself() {
+    std::thread([] {
+        require(echoes("kept"), 2, "first echo");
+        JavaVM* jvm = runningJvms().at(0);
+        jvm->DetachCurrentThread();
+        void* env = nullptr;
+        require(jvm->AttachCurrentThread(&env, nullptr) == JNI_OK, 3, "host attach");
+        require(echoes("on the host's attachment"), 4, "second echo");
+        pthread_key_create(&hostExitKey, [](void*) {
+            JavaVM* vm = runningJvms().at(0);
+            require(attachState(vm) == JNI_OK, 5, "the host's attachment at its thread's end");
+            vm->DetachCurrentThread();
+        });
+        pthread_setspecific(hostExitKey, &hostExitKey);
+    }).join();
+}
+
 void bigEchoInTheChild() {
     const Bytes big = javaCommand(std::string(1 << 20, 'x'));
     require(sendFailure(receiver, big)
@@ -160,6 +180,7 @@ const Scenario scenarios[] = {
     {"SendsFromThreadExit", sendsFromThreadExit, false},
     {"SendsFromThreadExitKeptAttached", sendsFromThreadExit, true},
     {"DetachesAKeptThread", hostDetachesAKeptThread, true},
+    {"AttachesAKeptThreadItself", hostAttachesAKeptThreadItself, true},
     {"ForksAfterTheJvmStarted", forksAfterTheJvmStarted, false},
     {"ForksInTheMiddleOfTheStart", forksInTheMiddleOfTheStart, false},
     {"ReloadsTheLibrary", reloadsTheLibrary, false},
