@@ -126,9 +126,12 @@ std::optional<std::string> readJvmOptionsFile(const std::string& path) {
 std::optional<std::string> findReservedJvmOption(const std::vector<std::string>& options,
                                                  ReservedOptions reserved,
                                                  const OptionsFileReader& readFile) {
+    const auto isReserved = [&reserved](const std::string& option) {
+        return (reserved.classPath && isClassPathOption(option)) ||
+               (reserved.debugger && isDebuggerOption(option));
+    };
     for (const auto& option : options) {
-        if ((reserved.classPath && isClassPathOption(option)) ||
-            (reserved.debugger && isDebuggerOption(option))) {
+        if (isReserved(option)) {
             return option;
         }
         if (!startsWith(option, optionsFileOption)) {
@@ -139,8 +142,7 @@ std::optional<std::string> findReservedJvmOption(const std::vector<std::string>&
         const std::optional<std::string> text = readFile(path);
         const auto inFile = text ? splitJvmOptions(*text) : std::nullopt;
         for (const auto& fileOption : inFile.value_or(std::vector<std::string>())) {
-            if ((reserved.classPath && isClassPathOption(fileOption)) ||
-                (reserved.debugger && isDebuggerOption(fileOption))) {
+            if (isReserved(fileOption)) {
                 return std::string(fileOption).append(" (in ").append(path).append(")");
             }
         }
